@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the benchmarks need.
+# Idempotent and non-interactive: asks apt only for what is missing, and runs
+# `apt-get update` only when something is.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config ccache xz-utils
+  liblzma-dev
+  libprotobuf-dev protobuf-compiler
+  nlohmann-json3-dev
+  googletest libgtest-dev libgmock-dev
+  libbenchmark-dev
+  libsqlite3-dev
+  libcli11-dev
+  librocksdb-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  sudo="sudo"
+fi
+
+echo "installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
