@@ -1,0 +1,300 @@
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Tarn/Events/DynamicEventBuilder.h"
+#include "Tarn/Events/EventHeader.h"
+#include "Tarn/Events/EventReader.h"
+#include "support/log_capture.h"
+
+namespace Tarn::Events {
+namespace {
+
+// A layout with every slot kind, present and empty, as a generated table
+// would have it.
+constexpr uint32_t kU32 = 24, kU64 = 28, kText = 36, kAddr4 = 38, kTexts = 40, kNumbers = 44,
+                   kEmptyText = 48, kEmptyAddr = 50, kEmptyTexts = 52, kEmptyNumbers = 56,
+                   kAddr6 = 60, kFixedEnd = 62;
+
+const uint8_t kV6[16] = {0x20, 0x01, 0x0d, 0xb8, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+
+std::vector<uint8_t> BuildFullRecord() {
+  DynamicEventBuilder b;
+  const std::vector<std::string_view> texts = {"first", "", "third"};
+  const uint64_t numbers[] = {1, 0xFFFFFFFFFFFFFFFFull, 42};
+  EXPECT_TRUE(b.Begin(17, 3, 1700000000123ull));
+  EXPECT_TRUE(b.AddUInt32(0xDEADBEEF));
+  EXPECT_TRUE(b.AddUInt64(0x0102030405060708ull));
+  EXPECT_TRUE(b.AddText("C:\\bin\\tool.exe"));
+  EXPECT_TRUE(b.AddAddress(Address::V4(192, 168, 1, 20)));
+  EXPECT_TRUE(b.AddTextList(texts));
+  EXPECT_TRUE(b.AddNumberList(numbers));
+  EXPECT_TRUE(b.AddText(""));
+  EXPECT_TRUE(b.AddEmptyAddress());
+  EXPECT_TRUE(b.AddTextList({}));
+  EXPECT_TRUE(b.AddNumberList({}));
+  EXPECT_TRUE(b.AddAddress(Address::V6(kV6)));
+  EXPECT_TRUE(b.Finish());
+  return std::vector<uint8_t>(b.Data(), b.Data() + b.Size());
+}
+
+TEST(EventRecord, EverySlotKindRoundTrips) {
+  std::vector<uint8_t> record = BuildFullRecord();
+  EventReader r(record.data(), record.size());
+  ASSERT_TRUE(r.Valid());
+  EXPECT_EQ(r.Size(), record.size());
+  EXPECT_EQ(r.UInt32(kU32), 0xDEADBEEFu);
+  EXPECT_EQ(r.UInt64(kU64), 0x0102030405060708ull);
+  EXPECT_EQ(r.Text(kText), "C:\\bin\\tool.exe");
+
+  Address a;
+  ASSERT_TRUE(r.ReadAddress(kAddr4, a));
+  EXPECT_EQ(a, Address::V4(192, 168, 1, 20));
+  ASSERT_TRUE(r.ReadAddress(kAddr6, a));
+  EXPECT_EQ(a, Address::V6(kV6));
+
+  auto texts = r.Texts(kTexts);
+  ASSERT_EQ(texts.Count(), 3u);
+  EXPECT_EQ(texts.At(0), "first");
+  EXPECT_EQ(texts.At(1), "");
+  EXPECT_EQ(texts.At(2), "third");
+  EXPECT_EQ(texts.At(3), "");
+  auto numbers = r.Numbers(kNumbers);
+  ASSERT_EQ(numbers.Count(), 3u);
+  EXPECT_EQ(numbers.At(1), 0xFFFFFFFFFFFFFFFFull);
+  EXPECT_EQ(numbers.At(2), 42u);
+
+  // Empty values are written as offset 0 and read back empty.
+  EXPECT_EQ(r.UInt16(kEmptyText), 0u);
+  EXPECT_EQ(r.Text(kEmptyText), "");
+  EXPECT_FALSE(r.ReadAddress(kEmptyAddr, a));
+  EXPECT_TRUE(r.Texts(kEmptyTexts).Empty());
+  EXPECT_TRUE(r.Numbers(kEmptyNumbers).Empty());
+  EXPECT_EQ(r.UInt32(kEmptyTexts), 0u);
+  // The variable part starts right after the fixed part, in Add order.
+  EXPECT_EQ(r.UInt16(kText), kFixedEnd);
+  // A slot past the fixed part of an older, shorter version reads empty.
+  EXPECT_EQ(r.UInt64(record.size() - 4), 0u);
+}
+
+TEST(EventRecord, HeaderIsByteExact) {
+  DynamicEventBuilder b;
+  ASSERT_TRUE(b.Begin(0x155, 0x0203, 0x1122334455667788ull));
+  b.SetDoNotStore(true);
+  ASSERT_TRUE(b.AddUInt32(7));
+  ASSERT_TRUE(b.Finish());
+  // clang-format off
+  const uint8_t expected[28] = {
+      0x55, 0x01, 0, 0,                                // type word
+      0, 0, 0, 0x04,                                   // flags: do not store
+      0x03, 0x02,                                      // version
+      28, 0,                                           // size
+      0, 0, 0, 0,                                      // reserved
+      0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,  // time stamp
+      7, 0, 0, 0};                                     // first slot
+  // clang-format on
+  ASSERT_EQ(b.Size(), sizeof expected);
+  EXPECT_EQ(std::memcmp(b.Data(), expected, sizeof expected), 0);
+
+  EventHeader h(b.Data(), b.Size());
+  ASSERT_TRUE(h.Valid());
+  EXPECT_EQ(h.TypeId(), 0x155u);
+  EXPECT_TRUE(h.DoNotStore());
+  EXPECT_EQ(h.Version(), 0x0203);
+  EXPECT_EQ(h.Size(), 28);
+  EXPECT_EQ(h.TimeStampMs(), 0x1122334455667788ull);
+  EXPECT_EQ(b.Event().TypeId(), 0x155u);
+  EXPECT_TRUE(b.Event().DoNotStore());
+
+  // One byte short, one byte long, or under a header: not this record.
+  EXPECT_FALSE(EventHeader(b.Data(), b.Size() - 1).Valid());
+  EXPECT_FALSE(EventHeader(b.Data(), b.Size() + 1).Valid());
+  EXPECT_FALSE(EventHeader(b.Data(), 23).Valid());
+  EXPECT_EQ(EventHeader(b.Data(), 23).TypeId(), 0u);
+}
+
+TEST(EventRecord, BuilderRefusesOversizeAndMisuse) {
+  tarn::test::LogCapture log;
+  DynamicEventBuilder b;
+  // 24 header + 2 slot + text + NUL: 65,508 text bytes fill a record exactly.
+  std::string text(65508, 'x');
+  ASSERT_TRUE(b.Begin(1, 1, 0));
+  ASSERT_TRUE(b.AddText(text));
+  ASSERT_TRUE(b.Finish());
+  EXPECT_EQ(b.Size(), 65535u);
+  EXPECT_EQ(EventReader(b.Data(), b.Size()).Text(24).size(), text.size());
+
+  text.push_back('x');
+  ASSERT_TRUE(b.Begin(1, 1, 0));
+  EXPECT_FALSE(b.AddText(text));
+  EXPECT_TRUE(b.Failed());
+  EXPECT_FALSE(b.AddUInt32(1));  // refusal sticks until the next Begin
+  EXPECT_FALSE(b.Finish());
+  EXPECT_EQ(b.Data(), nullptr);
+  EXPECT_EQ(log.Count(Keel::Log::Error), 1u);
+
+  std::vector<uint64_t> many(8200, 5);  // 65,600 bytes of values
+  ASSERT_TRUE(b.Begin(1, 1, 0));
+  EXPECT_FALSE(b.AddNumberList(many));
+
+  EXPECT_FALSE(b.Begin(1024, 1, 0));  // type ids have 10 bits
+  DynamicEventBuilder fresh;
+  EXPECT_FALSE(fresh.AddUInt32(1));  // no Begin
+  ASSERT_TRUE(b.Begin(2, 1, 0));
+  ASSERT_TRUE(b.Finish());
+  EXPECT_FALSE(b.AddUInt32(1));  // after Finish: refused, the record kept
+  EXPECT_EQ(b.Size(), 24u);
+}
+
+TEST(EventRecord, TextIsCutAtEmbeddedNul) {
+  DynamicEventBuilder b;
+  ASSERT_TRUE(b.Begin(1, 1, 0));
+  ASSERT_TRUE(b.AddText(std::string_view("ab\0cd", 5)));
+  ASSERT_TRUE(b.AddTextList({std::string_view("\0x", 2), "y"}));
+  ASSERT_TRUE(b.Finish());
+  EventReader r(b.Data(), b.Size());
+  EXPECT_EQ(r.Text(24), "ab");
+  EXPECT_EQ(r.Texts(26).At(0), "");
+  EXPECT_EQ(r.Texts(26).At(1), "y");
+  EXPECT_EQ(b.Size(), 24u + 6 + 3 + 4 + 2);  // slots, "ab\0", array, "y\0"
+}
+
+// Overwrites a u16 inside a copy of the full record.
+std::vector<uint8_t> With16(std::vector<uint8_t> record, size_t offset, uint16_t value) {
+  std::memcpy(record.data() + offset, &value, 2);
+  return record;
+}
+
+TEST(EventRecord, HostileOffsetsAndCountsReadEmpty) {
+  const std::vector<uint8_t> good = BuildFullRecord();
+  const uint16_t size = static_cast<uint16_t>(good.size());
+  Address a;
+
+  auto past_end = With16(good, kText, size);
+  EXPECT_EQ(EventReader(past_end.data(), past_end.size()).Text(kText), "");
+  auto in_header = With16(good, kText, 10);
+  EXPECT_EQ(EventReader(in_header.data(), in_header.size()).Text(kText), "");
+
+  // Cutting the size field by one drops the v6 address's last byte; the
+  // rest of the record still reads.
+  auto cut_short = With16(good, 10, size - 1);
+  EventReader cut(cut_short.data(), cut_short.size());
+  ASSERT_TRUE(cut.Valid());
+  EXPECT_FALSE(cut.ReadAddress(kAddr6, a));
+  EXPECT_EQ(cut.Texts(kTexts).At(2), "third");
+
+  // A text whose NUL lies beyond the size field is no text.
+  DynamicEventBuilder b;
+  ASSERT_TRUE(b.Begin(1, 1, 0) && b.AddText("tail") && b.Finish());
+  std::vector<uint8_t> tail(b.Data(), b.Data() + b.Size());
+  EXPECT_EQ(EventReader(tail.data(), tail.size()).Text(24), "tail");
+  tail = With16(tail, 10, static_cast<uint16_t>(tail.size() - 1));
+  EXPECT_EQ(EventReader(tail.data(), tail.size()).Text(24), "");
+
+  auto short_v6 = With16(good, kAddr6, size - 10);
+  EXPECT_FALSE(EventReader(short_v6.data(), short_v6.size()).ReadAddress(kAddr6, a));
+  auto flagged = good;
+  flagged[EventReader(good.data(), good.size()).UInt16(kAddr4)] = 1;  // v4 bytes, v6 flag
+  EventReader grown(flagged.data(), flagged.size());
+  ASSERT_TRUE(grown.ReadAddress(kAddr4, a));  // still inside the record: read
+  EXPECT_TRUE(a.ipv6);
+
+  auto many_texts = With16(good, kTexts, 0xFFFF);
+  EXPECT_TRUE(EventReader(many_texts.data(), many_texts.size()).Texts(kTexts).Empty());
+  auto many_numbers = With16(good, kNumbers, 6);  // 48 bytes; 41 are left
+  EXPECT_TRUE(EventReader(many_numbers.data(), many_numbers.size()).Numbers(kNumbers).Empty());
+  auto five = With16(good, kNumbers, 5);  // 40 bytes: fits exactly
+  EXPECT_EQ(EventReader(five.data(), five.size()).Numbers(kNumbers).Count(), 5u);
+  auto no_array = With16(good, kNumbers + 2, 0);
+  EXPECT_TRUE(EventReader(no_array.data(), no_array.size()).Numbers(kNumbers).Empty());
+
+  // One bad item offset spoils that item only.
+  size_t array = EventReader(good.data(), good.size()).UInt16(kTexts + 2);
+  auto bad_item = With16(good, array, 0xFFF0);
+  auto items = EventReader(bad_item.data(), bad_item.size()).Texts(kTexts);
+  ASSERT_EQ(items.Count(), 3u);
+  EXPECT_EQ(items.At(0), "");
+  EXPECT_EQ(items.At(2), "third");
+
+  // A size field that claims more than there is, or less than a header,
+  // makes the whole record empty.
+  for (uint16_t lie : {uint16_t(size + 1), uint16_t(23), uint16_t(0)}) {
+    auto lying = With16(good, 10, lie);
+    EventReader r(lying.data(), lying.size());
+    EXPECT_FALSE(r.Valid());
+    EXPECT_EQ(r.UInt32(kU32), 0u);
+    EXPECT_EQ(r.Text(kText), "");
+    EXPECT_TRUE(r.Texts(kTexts).Empty());
+  }
+  EXPECT_FALSE(EventReader(nullptr, 100).Valid());
+}
+
+// The record sits at the very end of a readable page, with an unreadable
+// page after it: any read past the record's end faults.
+volatile uint64_t g_sink;
+
+class GuardedRecord {
+ public:
+  GuardedRecord() {
+    page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t length = 2 * ((65536 + page_ - 1) / page_) * page_;
+    length_ = length;
+    base_ = static_cast<uint8_t*>(
+        mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    end_ = base_ + length / 2;
+    mprotect(end_, length / 2, PROT_NONE);
+  }
+  ~GuardedRecord() { munmap(base_, length_); }
+  uint8_t* Place(const std::vector<uint8_t>& bytes) {
+    uint8_t* at = end_ - bytes.size();
+    std::memcpy(at, bytes.data(), bytes.size());
+    return at;
+  }
+
+ private:
+  size_t page_ = 0, length_ = 0;
+  uint8_t* base_ = nullptr;
+  uint8_t* end_ = nullptr;
+};
+
+TEST(EventRecord, MutatedRecordsNeverReadOutside) {
+  const std::vector<uint8_t> good = BuildFullRecord();
+  GuardedRecord guard;
+  std::mt19937 rng(20240601);
+  for (int round = 0; round < 20000; ++round) {
+    std::vector<uint8_t> bytes = good;
+    bytes.resize(24 + rng() % (good.size() - 23));
+    for (int n = 1 + rng() % 4; n > 0; --n) bytes[rng() % bytes.size()] = uint8_t(rng());
+    if (rng() % 2) {  // keep the size field honest half of the time
+      uint16_t size = static_cast<uint16_t>(bytes.size());
+      std::memcpy(bytes.data() + 10, &size, 2);
+    }
+    const uint8_t* at = guard.Place(bytes);
+    EventReader r(at, bytes.size());
+    uint64_t sink = 0;
+    for (uint32_t slot = 0; slot < good.size() + 4; ++slot) {
+      sink += r.UInt64(slot) + r.Text(slot).size();
+      Address a;
+      sink += r.ReadAddress(slot, a);
+      auto texts = r.Texts(slot);
+      for (uint32_t i = 0; i < texts.Count(); ++i) {
+        std::string_view t = texts.At(i);
+        ASSERT_TRUE(t.empty() ||
+                    (reinterpret_cast<const uint8_t*>(t.data()) >= at &&
+                     reinterpret_cast<const uint8_t*>(t.data()) + t.size() < at + r.Size()));
+      }
+      auto numbers = r.Numbers(slot);
+      for (uint32_t i = 0; i < numbers.Count(); ++i) sink += numbers.At(i);
+    }
+    g_sink = sink;
+  }
+}
+
+}  // namespace
+}  // namespace Tarn::Events
