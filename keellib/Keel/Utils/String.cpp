@@ -35,6 +35,18 @@ bool ParseUnsigned(std::string_view text, uint64_t limit, uint64_t& out) {
   return true;
 }
 
+// Exactly `length` characters in `base`, no larger than `limit`.
+bool ParseFixed(const char* text, uint32_t base, uint32_t length, uint64_t limit, uint64_t& out) {
+  // from_chars wants a base of 2 to 36; a null or empty field is no number.
+  if (text == nullptr || length == 0 || base < 2 || base > 36) return false;
+  uint64_t value = 0;
+  const char* end = text + length;
+  auto [ptr, ec] = std::from_chars(text, end, value, static_cast<int>(base));
+  if (ec != std::errc() || ptr != end || value > limit) return false;
+  out = value;
+  return true;
+}
+
 // Length of the well-formed UTF-8 sequence at the start of `s`, or 0.
 size_t Utf8SequenceLength(const unsigned char* s, size_t available) {
   unsigned char c = s[0];
@@ -160,6 +172,20 @@ bool String::ToDouble(double& out) const {
   auto [ptr, ec] = std::from_chars(begin, end, value);
   if (text_.empty() || ec != std::errc() || ptr != end || !std::isfinite(value)) return false;
   out = value;
+  return true;
+}
+
+bool String::ConvertToUInt16(const char* text, uint32_t base, uint32_t length, uint16_t& out) {
+  uint64_t value;
+  if (!ParseFixed(text, base, length, UINT16_MAX, value)) return false;
+  out = static_cast<uint16_t>(value);
+  return true;
+}
+
+bool String::ConvertToUInt8(const char* text, uint32_t base, uint32_t length, uint8_t& out) {
+  uint64_t value;
+  if (!ParseFixed(text, base, length, UINT8_MAX, value)) return false;
+  out = static_cast<uint8_t>(value);
   return true;
 }
 

@@ -44,6 +44,14 @@ class KEEL_API String {
   bool ToInt64(int64_t& out) const;
   bool ToDouble(double& out) const;
 
+  // Exactly `length` characters at `text` (all of them readable) as an
+  // unsigned number in `base` (2 to 36): digits of that base only, no sign,
+  // no spaces, no overflow. Strict and silent, because callers test names
+  // that are often not numbers at all. A failed conversion leaves `out`
+  // unchanged.
+  static bool ConvertToUInt16(const char* text, uint32_t base, uint32_t length, uint16_t& out);
+  static bool ConvertToUInt8(const char* text, uint32_t base, uint32_t length, uint8_t& out);
+
   static String FromUInt64(uint64_t value);
   static String FromInt64(int64_t value);
 

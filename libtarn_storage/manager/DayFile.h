@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Keel::OS {
+class File;
+}
+
+namespace Tarn::Storage {
+
+// A database file starts with a 20-byte header: the magic "ETRN", a reserved
+// word 0, the format version 2 and eight reserved zero bytes. Events blocks
+// follow it back to back. All integers are little-endian.
+constexpr uint32_t kDayFileHeaderSize = 20;
+constexpr uint32_t kStoreMagic = 0x4E525445;  // "ETRN"
+constexpr uint32_t kDayFileFormatVersion = 2;
+
+enum class DayFileCheck { Ok, TooShort, BadMagic, BadReserved, BadVersion, BadTrailer };
+
+// Checks the header at the start of the `size` bytes at `bytes`. Every
+// verdict but Ok is logged with its own identifier.
+DayFileCheck CheckDayFileHeader(const uint8_t* bytes, uint64_t size);
+
+// Creates (or empties) the file, writes the header and flushes it. On success
+// `file` is open read-write and positioned right after the header; on failure
+// it is closed, everything is logged, and the file is left empty where
+// possible, so that opening it for appending gives it a fresh header.
+bool CreateDayFile(const std::string& path, Keel::OS::File& file);
+
+// Opens an existing file read-write for appending blocks. An empty file gets
+// a fresh header; any other must carry a valid one. `size` receives the
+// file's size (at least the header). On failure `file` is closed and `size`
+// is 0.
+bool OpenDayFileForAppend(const std::string& path, Keel::OS::File& file, uint64_t& size);
+
+// Reads and checks the header of an open file. True when the header is valid.
+// False when it is not (`check` says why) or when the read itself failed
+// (logged; `check` is then TooShort).
+bool ReadDayFileHeader(Keel::OS::File& file, DayFileCheck& check);
+
+}  // namespace Tarn::Storage

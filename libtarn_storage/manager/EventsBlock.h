@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Keel/Collections/Array.h"
+#include "Keel/Lzma.h"
+
+namespace Keel::Collections {
+class Buffer;
+}
+namespace Keel::OS {
+class File;
+}
+
+namespace Tarn::Storage {
+
+// An events block holds a run of events of one day. Its raw form is the event
+// records back to back, then an entry table with one entry per event; on disk
+// it is a 12-byte header (stored_size, raw_size, table_offset) followed by
+// stored_size bytes of payload: the raw form compressed as an .xz stream,
+// every byte then inverted. All integers are little-endian.
+
+// One entry of the table: where the event's record starts in the raw block,
+// and its second of the day in the low 17 bits (the upper 15 are written 0).
+struct BlockEntry {
+  uint32_t offset;
+  uint32_t second_word;
+};
+static_assert(sizeof(BlockEntry) == 8, "an entry is two 32-bit words on disk");
+
+constexpr uint32_t kSecondMask = 0x1FFFF;
+constexpr uint32_t kSecondsPerDay = 86400;
+constexpr uint32_t kBlockHeaderSize = 12;
+constexpr uint32_t kEntrySize = 8;
+
+struct BlockHeader {
+  uint32_t stored_size = 0;   // payload bytes after the header
+  uint32_t raw_size = 0;      // records plus entry table
+  uint32_t table_offset = 0;  // where the entry table starts in the raw block
+};
+
+struct EncodedBlock {
+  BlockHeader header;
+  uint32_t event_count = 0;
+  uint32_t first_second = 0;  // second of the day of the first event
+  uint32_t last_second = 0;   // and of the last
+};
+
+// Appends the table of `entries` to the records in `raw`. The table is refused
+// (logged, `raw` unchanged) unless it is non-empty, the first offset is 0,
+// offsets rise strictly and stay below the records' end, every second lies in
+// the day, and the whole block stays below 4 GiB.
+bool AppendEntryTable(Keel::Collections::Buffer& raw,
+                      const Keel::Collections::Array<BlockEntry>& entries);
+
+// True when the entry table at `table_offset` of a raw block obeys the rules
+// above; a broken table is logged.
+bool CheckEntryTable(const uint8_t* raw, uint32_t raw_size, uint32_t table_offset);
+
+// Bitwise NOT of every byte, in place.
+void InvertBytes(uint8_t* data, uint64_t size);
+
+// Turns the records in `raw` into a block: appends the entry table (so that
+// raw.Size() becomes raw_size), compresses the whole raw block into `payload`
+// and inverts it. On failure (logged) `raw` is as it was.
+bool EncodeBlock(Keel::Collections::Buffer& raw,
+                 const Keel::Collections::Array<BlockEntry>& entries,
+                 Keel::Collections::Buffer& payload, EncodedBlock& out,
+                 const Keel::Lzma::Options& options = {});
+
+// Writes the header and payload at `offset` and flushes. Every step is checked
+// and logged on its own. A false return means the bytes from `offset` on are
+// unreliable: the block must not be indexed, and the next block goes at the
+// same offset after the file was cut back to it.
+bool WriteBlock(Keel::OS::File& file, uint64_t offset, const BlockHeader& header,
+                const Keel::Collections::Buffer& payload);
+
+// Reads the header of the block at `offset` of a file of `file_size` bytes.
+// Fails (logged) when the header or the payload would reach past the end, or
+// when the sizes cannot belong to a block this store writes.
+bool ReadBlockHeader(Keel::OS::File& file, uint64_t offset, uint64_t file_size, BlockHeader& out);
+
+// Reads the header's stored_size payload bytes of the block at `offset`.
+bool ReadBlockPayload(Keel::OS::File& file, uint64_t offset, const BlockHeader& header,
+                      Keel::Collections::Buffer& payload);
+
+// Inverts `payload` in place (it is left holding the .xz stream, so a second
+// call cannot succeed), decompresses it into `raw` to exactly raw_size bytes
+// and checks the entry table. On failure (logged) `raw` is empty.
+bool DecodeBlock(Keel::Collections::Buffer& payload, const BlockHeader& header,
+                 Keel::Collections::Buffer& raw);
+
+// Events of a decoded raw block. Bounded: an event whose entry points outside
+// the records is refused rather than read.
+class RawBlockView {
+ public:
+  static constexpr uint32_t kNoSecond = 0xFFFFFFFFu;
+
+  RawBlockView(const uint8_t* raw, uint32_t raw_size, uint32_t table_offset);
+
+  uint32_t EventCount() const { return count_; }
+  // Record `i` runs from its entry's offset to the next entry's (the last one
+  // to the table).
+  bool Event(uint32_t i, const uint8_t*& data, uint32_t& size) const;
+  // Second of the day of event `i`, or kNoSecond past the end.
+  uint32_t Second(uint32_t i) const;
+
+ private:
+  uint32_t EntryOffset(uint32_t i) const;
+
+  const uint8_t* raw_;
+  uint32_t table_offset_;
+  uint32_t count_;
+};
+
+}  // namespace Tarn::Storage
