@@ -186,6 +186,15 @@ void DayInfo::TruncateBlocks(uint32_t count) {
   if (count < blocks_.Count()) blocks_.SetCount(count);
 }
 
+uint32_t DayInfo::DropBlocksFrom(uint32_t index, uint8_t version) {
+  MutexGuard lock(blocks_mutex_.get());
+  uint32_t dropped = 0;
+  for (uint32_t i = blocks_.Count(); i > index; --i) {
+    if (blocks_.Get(i - 1)->version == version && blocks_.RemoveAt(i - 1)) ++dropped;
+  }
+  return dropped;
+}
+
 uint64_t DayInfo::events_count() const {
   MutexGuard lock(blocks_mutex_.get());
   uint64_t total = 0;

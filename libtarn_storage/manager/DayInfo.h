@@ -74,8 +74,11 @@ class DayInfo {
   uint32_t GetBlockCount() const { return blocks_.Count(); }
   // The entry of block `index`, or null when there is none.
   const BlockInfo* GetBlock(uint32_t index) const { return blocks_.Get(index); }
-  // Drops block `index` and every later block.
+  // Keeps the first `count` blocks and drops every later one.
   void TruncateBlocks(uint32_t count);
+  // Drops the blocks of `version` from position `index` on; blocks of other
+  // versions keep their order.
+  uint32_t DropBlocksFrom(uint32_t index, uint8_t version);
 
   uint32_t GetVersionCount() const { return versions_.Count(); }
   const VersionInfo* GetVersion(uint32_t index) const { return versions_.Get(index); }
