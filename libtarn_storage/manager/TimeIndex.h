@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+
+namespace Tarn::Storage {
+
+// Seconds from the Unix epoch to 2000-01-01 00:00:00 UTC, where day 0 starts.
+constexpr uint64_t kEpoch2000 = 946'684'800;
+constexpr uint64_t kDayLengthSeconds = 86'400;
+
+// A moment as the store keys it: day number since 2000-01-01 (16 bits) and
+// second of that day.
+struct TimeIndex {
+  uint16_t day = 0;
+  uint32_t second = 0;
+
+  bool operator==(const TimeIndex&) const = default;
+};
+
+// The arithmetic is unsigned on purpose: a time before 2000 wraps to a large
+// day number (kept to 16 bits) rather than a negative one, the same way for
+// the writer and every reader.
+constexpr TimeIndex ToTimeIndex(uint64_t epoch_seconds) {
+  uint64_t since = epoch_seconds - kEpoch2000;
+  return TimeIndex{static_cast<uint16_t>(since / kDayLengthSeconds),
+                   static_cast<uint32_t>(since % kDayLengthSeconds)};
+}
+
+// The epoch second of a second of a day, for days after 2000.
+constexpr uint64_t ToEpochSeconds(uint16_t day, uint32_t second) {
+  return kEpoch2000 + static_cast<uint64_t>(day) * kDayLengthSeconds + second;
+}
+
+}  // namespace Tarn::Storage

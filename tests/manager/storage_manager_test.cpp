@@ -1,0 +1,293 @@
+#include "manager/StorageManager.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "Keel/OS/FaultInjection.h"
+#include "Keel/OS/FileSystem.h"
+#include "Tarn/Events/Base.h"
+#include "manager/StorageHelper.h"
+#include "support/log_capture.h"
+#include "support/store_fixture.h"
+#include "support/temp_dir.h"
+
+namespace Tarn::Storage {
+namespace {
+
+using tarn::test::FakeClock;
+using tarn::test::MakeEvent;
+using tarn::test::StoredEvent;
+
+constexpr uint32_t kCapacity = 102'400;
+
+Settings SmallStore() {
+  Settings s = Settings::default_();
+  s.block_buffer_size = kCapacity;
+  s.max_storage_size = 52'428'800;
+  s.max_days = 10;
+  return s;
+}
+
+class StorageManagerTest : public ::testing::Test {
+ protected:
+  void TearDown() override { Keel::OS::Faults::ClearRules(); }
+
+  bool Open() {
+    manager_ = std::make_unique<StorageManager>();
+    return manager_->Create(settings_, &clock_, 7, dir_.path().c_str());
+  }
+  bool Add(uint32_t tag, uint32_t size = 200) {
+    std::vector<uint8_t> record = MakeEvent(tag, size);
+    Events::Objects::Base event(record.data(), record.size());
+    return manager_->AddEvent(event);
+  }
+  std::vector<StoredEvent> Indexed() {
+    std::vector<StoredEvent> events;
+    EXPECT_TRUE(tarn::test::ReadIndexedEvents(dir_.path(), events));
+    return events;
+  }
+  // Event counts of the day's blocks, read through the reader's road.
+  std::vector<uint32_t> BlockSizes(uint16_t day) {
+    struct Query {
+      uint16_t day;
+      std::vector<uint32_t> sizes;
+    } query{day, {}};
+    manager_->ProcessIndex(
+        [](Index& index, void* context) {
+          auto* q = static_cast<Query*>(context);
+          DayInfo* info = index.tree().SearchUnsafe(q->day);
+          for (uint32_t i = 0; info != nullptr && i < info->GetBlockCount(); ++i) {
+            q->sizes.push_back(info->GetBlock(i)->events_count);
+          }
+          return true;
+        },
+        &query);
+    return query.sizes;
+  }
+  bool DayFileExists(uint16_t day) {
+    return Keel::OS::FileSystem::Exists(dir_.File(Utils::DayFileName(day, 2)));
+  }
+
+  tarn::test::TempDir dir_;
+  FakeClock clock_{tarn::test::EpochOf(9000, 100)};
+  Settings settings_ = SmallStore();
+  std::unique_ptr<StorageManager> manager_;
+};
+
+TEST_F(StorageManagerTest, BlockFilledExactlyToCapacityStaysWholeAndOneByteMoreCutsIt) {
+  ASSERT_TRUE(Open());
+  // 101 events of 1,000 bytes take 101,808 bytes with their entries; an
+  // event of 584 bytes then fills the block to exactly 102,400.
+  for (uint32_t i = 0; i < 101; ++i) ASSERT_TRUE(Add(i, 1000));
+  ASSERT_TRUE(Add(101, 584));
+  ASSERT_TRUE(Add(102, 300));  // cannot fit: cuts the full block first
+  ASSERT_TRUE(manager_->Flush());
+  EXPECT_EQ(BlockSizes(9000), (std::vector<uint32_t>{102, 1}));
+
+  for (uint32_t i = 0; i < 101; ++i) ASSERT_TRUE(Add(200 + i, 1000));
+  ASSERT_TRUE(Add(301, 585));  // one byte over: starts the next block
+  ASSERT_TRUE(manager_->Flush());
+  EXPECT_EQ(BlockSizes(9000), (std::vector<uint32_t>{102, 1, 101, 1}));
+  EXPECT_EQ(Indexed().size(), 205u);
+}
+
+TEST_F(StorageManagerTest, RecordsWhoseHeaderLiesAreRefused) {
+  ASSERT_TRUE(Open());
+  std::vector<uint8_t> record = MakeEvent(1, 100);
+  record[10] = 99;  // size field no longer matches the bytes
+  Events::Objects::Base bad(record.data(), record.size());
+  tarn::test::LogCapture log;
+  EXPECT_FALSE(manager_->AddEvent(bad));
+  Events::Objects::Base short_one(record.data(), 10);
+  EXPECT_FALSE(manager_->AddEvent(short_one));
+  EXPECT_EQ(log.CountFrom(Keel::Log::StorageManager, Keel::Log::Error), 2u);
+}
+
+TEST_F(StorageManagerTest, DayChangeCutsTheBlockAndEventsKeepTheirSeconds) {
+  ASSERT_TRUE(Open());
+  clock_.SetDay(9000, 10);
+  ASSERT_TRUE(Add(1));
+  clock_.SetDay(9000, 86'399);
+  ASSERT_TRUE(Add(2));
+  clock_.SetDay(9001, 5);
+  ASSERT_TRUE(Add(3));
+  ASSERT_TRUE(manager_->Flush());
+  std::vector<StoredEvent> events = Indexed();
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[0].day, 9000);
+  EXPECT_EQ(events[0].second, 10u);
+  EXPECT_EQ(events[1].second, 86'399u);
+  EXPECT_EQ(events[2].day, 9001);
+  EXPECT_EQ(events[2].second, 5u);
+  EXPECT_EQ(BlockSizes(9000), (std::vector<uint32_t>{2}));
+  EXPECT_EQ(BlockSizes(9001), (std::vector<uint32_t>{1}));
+}
+
+TEST_F(StorageManagerTest, DayLimitEvictsTheOldestDay) {
+  settings_.max_days = 2;
+  ASSERT_TRUE(Open());
+  for (uint16_t day = 9000; day < 9003; ++day) {
+    clock_.SetDay(day, 60);
+    ASSERT_TRUE(Add(day));
+    ASSERT_TRUE(manager_->Flush());
+  }
+  EXPECT_FALSE(DayFileExists(9000));
+  EXPECT_TRUE(DayFileExists(9001));
+  EXPECT_TRUE(DayFileExists(9002));
+  std::vector<StoredEvent> events = Indexed();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].day, 9001);
+  uint64_t on_disk = 0;
+  for (uint16_t day : {9001, 9002}) {
+    uint64_t size = 0;
+    ASSERT_TRUE(Keel::OS::FileSystem::GetFileSize(dir_.File(Utils::DayFileName(day, 2)), size));
+    on_disk += size;
+  }
+  EXPECT_EQ(manager_->TotalOnDiskSize(), on_disk);
+}
+
+TEST_F(StorageManagerTest, StopLeavesTheOpenBlockForTheNextStart) {
+  ASSERT_TRUE(Open());
+  for (uint32_t i = 0; i < 5; ++i) ASSERT_TRUE(Add(i));
+  ASSERT_TRUE(manager_->Stop());
+  EXPECT_FALSE(Add(99));  // intake is closed
+  EXPECT_FALSE(manager_->Stop());
+  manager_.reset();
+
+  std::vector<StoredEvent> final_events;
+  ASSERT_TRUE(tarn::test::ReadFinalEvents(dir_.path(), final_events));
+  EXPECT_EQ(final_events.size(), 5u);
+  EXPECT_TRUE(Indexed().empty());
+
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(manager_->Flush());
+  EXPECT_FALSE(Keel::OS::FileSystem::Exists(dir_.File(Utils::kFinalFileName)));
+  std::vector<StoredEvent> events = Indexed();
+  ASSERT_EQ(events.size(), 5u);
+  for (uint32_t i = 0; i < 5; ++i) EXPECT_EQ(tarn::test::TagOf(events[i].record), i);
+}
+
+TEST_F(StorageManagerTest, ClockGoingBackWipesTheStore) {
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(Add(1));
+  ASSERT_TRUE(manager_->Flush());
+  manager_.reset();
+  ASSERT_TRUE(DayFileExists(9000));
+
+  clock_.SetDay(8000);
+  tarn::test::LogCapture log;
+  ASSERT_TRUE(Open());
+  EXPECT_FALSE(DayFileExists(9000));
+  EXPECT_EQ(manager_->TotalOnDiskSize(), 0u);
+  EXPECT_GE(log.CountFrom(Keel::Log::StorageManager, Keel::Log::Error), 1u);
+}
+
+TEST_F(StorageManagerTest, ResetModeOneWipesAndOtherValuesKeep) {
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(Add(1));
+  ASSERT_TRUE(manager_->Flush());
+  manager_.reset();
+
+  settings_.reset_mode = 2;
+  ASSERT_TRUE(Open());
+  EXPECT_EQ(Indexed().size(), 1u);
+  manager_.reset();
+
+  settings_.reset_mode = 1;
+  ASSERT_TRUE(Open());
+  EXPECT_FALSE(DayFileExists(9000));
+  EXPECT_TRUE(Indexed().empty());
+}
+
+TEST_F(StorageManagerTest, OnlyOneManagerOwnsADirectory) {
+  ASSERT_TRUE(Open());
+  StorageManager second;
+  tarn::test::LogCapture log;
+  EXPECT_FALSE(second.Create(settings_, &clock_, 7, dir_.path().c_str()));
+  EXPECT_GE(log.CountFrom(Keel::Log::StorageManager, Keel::Log::Error), 1u);
+  manager_.reset();
+  StorageManager third;
+  EXPECT_TRUE(third.Create(settings_, &clock_, 7, dir_.path().c_str()));
+}
+
+TEST_F(StorageManagerTest, InvalidSettingsFailCreationAndUpdatesAreAllOrNothing) {
+  settings_.block_buffer_size = 60'000'000;  // above the store size
+  EXPECT_FALSE(Open());
+  settings_ = SmallStore();
+  ASSERT_TRUE(Open());
+  Settings changed = manager_->GetSettings();
+  changed.osquery.row_limit = 50'000'000;
+  EXPECT_FALSE(manager_->UpdateSettings(changed));
+  EXPECT_EQ(manager_->GetSettings(), SmallStore());
+  changed.osquery.row_limit = 2'000;
+  EXPECT_TRUE(manager_->UpdateSettings(changed));
+  EXPECT_EQ(manager_->GetSettings().osquery.row_limit, 2'000u);
+}
+
+TEST_F(StorageManagerTest, FailedBlockWriteLeavesIndexAsItWasAndTheNextBlockLands) {
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(Add(1));
+  ASSERT_TRUE(manager_->Flush());
+  const std::string day_file = Utils::DayFileName(9000, 2);
+  for (uint32_t operations : {Keel::OS::Faults::Write, Keel::OS::Faults::Flush}) {
+    for (uint32_t kind : {Keel::OS::Faults::Eio, Keel::OS::Faults::ShortWrite}) {
+      Keel::OS::Faults::Rule rule;
+      rule.path_contains = day_file;
+      rule.operations = operations;
+      rule.kind = static_cast<Keel::OS::Faults::Kind>(kind);
+      int id = Keel::OS::Faults::AddRule(rule);
+      ASSERT_TRUE(Add(2));
+      manager_->Flush();
+      EXPECT_EQ(Keel::OS::Faults::FailCount(id), 1u);
+      Keel::OS::Faults::RemoveRule(id);
+      EXPECT_EQ(BlockSizes(9000).size(), 1u);
+    }
+  }
+  ASSERT_TRUE(Add(3));
+  ASSERT_TRUE(manager_->Flush());
+  std::vector<StoredEvent> events = Indexed();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(tarn::test::TagOf(events[1].record), 3u);
+  uint64_t size = 0;
+  ASSERT_TRUE(Keel::OS::FileSystem::GetFileSize(dir_.File(day_file), size));
+  EXPECT_EQ(manager_->TotalOnDiskSize(), size);  // no torn bytes counted or left
+}
+
+TEST_F(StorageManagerTest, ConcurrentIntakeLosesNoEvent) {
+  ASSERT_TRUE(Open());
+  constexpr uint32_t kThreads = 4;
+  constexpr uint32_t kPerThread = 2'500;
+  std::vector<std::thread> threads;
+  std::atomic<uint32_t> accepted{0};
+  for (uint32_t t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (uint32_t i = 0; i < kPerThread; ++i) {
+        uint32_t tag = t * kPerThread + i;
+        std::vector<uint8_t> record = MakeEvent(tag, 150 + tag % 100);
+        Events::Objects::Base event(record.data(), record.size());
+        if (manager_->AddEvent(event)) ++accepted;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(manager_->Flush());
+  ASSERT_TRUE(Add(kThreads * kPerThread));
+  ++accepted;
+  ASSERT_TRUE(manager_->Stop());
+
+  std::vector<StoredEvent> events = Indexed();
+  ASSERT_TRUE(tarn::test::ReadFinalEvents(dir_.path(), events));
+  EXPECT_EQ(accepted.load(), kThreads * kPerThread + 1);
+  std::set<uint32_t> tags;
+  for (const StoredEvent& e : events) tags.insert(tarn::test::TagOf(e.record));
+  EXPECT_EQ(events.size(), accepted.load());
+  EXPECT_EQ(tags.size(), accepted.load());
+  EXPECT_GT(BlockSizes(9000).size(), 5u);  // many hand-overs happened
+}
+
+}  // namespace
+}  // namespace Tarn::Storage
