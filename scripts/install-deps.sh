@@ -6,6 +6,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config ccache xz-utils
+  python3
   liblzma-dev
   libprotobuf-dev protobuf-compiler
   nlohmann-json3-dev

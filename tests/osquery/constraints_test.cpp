@@ -1,0 +1,191 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "osquery/ConstraintsList.h"
+#include "osquery/NameHash.h"
+#include "support/log_capture.h"
+
+namespace Tarn::Storage::OSQuery {
+namespace {
+
+std::string One(const std::string& column, const std::string& affinity, const std::string& op,
+                const std::string& expr) {
+  return "{\"" + column + "\":{\"affinity\":\"" + affinity + "\",\"list\":[{\"op\":" + op +
+         ",\"expr\":\"" + expr + "\"}]}}";
+}
+
+TEST(ConstraintsParse, ReadsColumnsOperatorsAndValues) {
+  ConstraintsList list;
+  ASSERT_TRUE(list.Parse(R"({
+      "path": {"affinity": "text", "list": [{"op": 65, "expr": "%cmd%"}, {"op": 2, "expr": "x"}]},
+      "pid": {"affinity": "bigint", "list": [{"op": 4, "expr": "-12"}]},
+      "puid": {"affinity": "unsigned bigint", "list": [{"op": 8, "expr": "18446744073709551615"}]},
+      "pid_space": {"affinity": "integer", "list": [{"op": 16, "expr": "-2147483648"}]},
+      "ratio": {"affinity": "double", "list": [{"op": 32, "expr": "2.5e3"}]},
+      "data": {"affinity": "blob", "list": [{"op": 1, "expr": "ab"}]},
+      "empty": {"affinity": "text", "list": []}})"));
+  ASSERT_EQ(list.Size(), 7u);
+  auto items = list.Items();
+  EXPECT_EQ(items[0].column_hash, NameHash("path"));
+  EXPECT_EQ(items[0].column_name, "path");
+  EXPECT_EQ(items[0].op, kLike);
+  EXPECT_EQ(items[0].expr, "%cmd%");
+  EXPECT_EQ(items[0].affinity, kTextAffinity);
+  EXPECT_EQ(items[1].column_name, "path");
+  EXPECT_EQ(items[1].op, kEquals);
+  EXPECT_EQ(items[2].column_name, "pid");
+  EXPECT_EQ(items[2].affinity, kBigIntAffinity);
+  EXPECT_EQ(items[2].number.i64, -12);
+  EXPECT_EQ(items[3].affinity, kUnsignedBigIntAffinity);
+  EXPECT_EQ(items[3].number.u64, 18446744073709551615ull);
+  EXPECT_EQ(items[4].affinity, kIntegerAffinity);
+  EXPECT_EQ(items[4].number.i32, -2147483647 - 1);
+  EXPECT_EQ(items[5].affinity, kDoubleAffinity);
+  EXPECT_EQ(items[5].number.f64, 2500.0);
+  EXPECT_EQ(items[6].affinity, kBlobAffinity);
+  EXPECT_EQ(items[6].expr, "ab");
+}
+
+TEST(ConstraintsParse, AffinityNamesAreExactLowerCase) {
+  struct Case {
+    const char* name;
+    uint8_t code;
+  } cases[] = {{"text", 1},   {"integer", 2}, {"bigint", 3},   {"unsigned bigint", 4},
+               {"double", 5}, {"blob", 6},    {"TEXT", 0},     {"Integer", 0},
+               {"", 0},       {"unsigned  bigint", 0},         {"texts", 0}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(AffinityFromName(c.name), c.code) << c.name;
+    ConstraintsList list;
+    // Unknown affinities keep their value unparsed, so any text is accepted.
+    ASSERT_TRUE(list.Parse(One("path", c.name, "2", c.code == 0 ? "not a number" : "7")))
+        << c.name;
+    EXPECT_EQ(list.Items()[0].affinity, c.code) << c.name;
+  }
+}
+
+TEST(ConstraintsParse, OnlyTheTenOperatorCodes) {
+  for (int op : {1, 2, 4, 8, 16, 32, 64, 65, 66, 67}) {
+    ConstraintsList list;
+    EXPECT_TRUE(list.Parse(One("path", "text", std::to_string(op), "a"))) << op;
+    EXPECT_TRUE(IsOperatorCode(op));
+  }
+  tarn::test::LogCapture log;
+  for (const char* op : {"0", "3", "68", "256", "257", "-1", "2.5", "\"2\"", "null",
+                         "18446744073709551615"}) {
+    ConstraintsList list;
+    EXPECT_FALSE(list.Parse(One("path", "text", op, "a"))) << op;
+  }
+  EXPECT_FALSE(IsOperatorCode(2 + 256));  // not truncated to 8 bits
+  ConstraintsList list;
+  EXPECT_FALSE(list.Parse(R"({"path":{"affinity":"text","list":[{"expr":"a"}]}})"));
+  EXPECT_GE(log.CountFrom(Keel::Log::StorageQuery, Keel::Log::Warning), 11u);
+}
+
+TEST(ConstraintsParse, ValuesMustParseForTheirAffinity) {
+  struct Case {
+    const char* affinity;
+    const char* expr;
+    bool ok;
+  } cases[] = {
+      {"integer", "2147483647", true},   {"integer", "2147483648", false},
+      {"integer", "-2147483649", false}, {"integer", "12abc", false},
+      {"integer", "0x10", false},        {"integer", " 5", false},
+      {"integer", "5 ", false},          {"integer", "", false},
+      {"integer", "+5", false},          {"bigint", "-9223372036854775808", true},
+      {"bigint", "9223372036854775808", false},
+      {"unsigned bigint", "-1", false},  {"unsigned bigint", "18446744073709551616", false},
+      {"double", "-0.25", true},         {"double", "1e400", false},
+      {"double", "nan", false},          {"double", "inf", false},
+      {"double", "1.5x", false},         {"text", "anything at all", true},
+      {"blob", "", true},
+  };
+  for (const Case& c : cases) {
+    ConstraintsList list;
+    EXPECT_EQ(list.Parse(One("pid", c.affinity, "2", c.expr)), c.ok)
+        << c.affinity << " " << c.expr;
+  }
+}
+
+TEST(ConstraintsParse, MalformedTextFailsAsAWhole) {
+  const char* texts[] = {
+      "not json",
+      "{\"path\":",
+      "[]",
+      "\"text\"",
+      "null",
+      R"({"path": 5})",
+      R"({"path": {"list": [{"op": 2, "expr": "a"}]}})",
+      R"({"path": {"affinity": 1, "list": []}})",
+      R"({"path": {"affinity": "text"}})",
+      R"({"path": {"affinity": "text", "list": {"op": 2, "expr": "a"}}})",
+      R"({"path": {"affinity": "text", "list": [5]}})",
+      R"({"path": {"affinity": "text", "list": [{"op": 2}]}})",
+      R"({"path": {"affinity": "text", "list": [{"op": 2, "expr": 5}]}})",
+      // A good column does not save a bad one.
+      R"({"pid": {"affinity": "bigint", "list": [{"op": 2, "expr": "1"}]},
+          "path": {"affinity": "text", "list": [{"op": 3, "expr": "a"}]}})",
+  };
+  for (const char* text : texts) {
+    ConstraintsList list;
+    ASSERT_TRUE(list.Parse(One("pid", "bigint", "2", "1")));
+    EXPECT_FALSE(list.Parse(text)) << text;
+    EXPECT_TRUE(list.Empty()) << text;  // nothing of the old or half-parsed list stays
+  }
+}
+
+TEST(ConstraintsParse, NoFilterAtAll) {
+  for (const char* text : {"", "  \n", "{}"}) {
+    ConstraintsList list;
+    EXPECT_TRUE(list.Parse(text)) << '"' << text << '"';
+    EXPECT_TRUE(list.Empty());
+    EXPECT_TRUE(list.begin() == list.end());
+  }
+}
+
+TEST(ConstraintsList, IteratesAllOrOneField) {
+  ConstraintsList list;
+  ASSERT_TRUE(list.Parse(R"({
+      "a": {"affinity": "text", "list": [{"op": 2, "expr": "1"}]},
+      "b": {"affinity": "text", "list": [{"op": 2, "expr": "2"}, {"op": 4, "expr": "3"}]},
+      "c": {"affinity": "text", "list": [{"op": 2, "expr": "4"}]},
+      "b ": {"affinity": "text", "list": [{"op": 2, "expr": "5"}]}})"));
+  std::string all;
+  for (const Constraint& c : list) all += c.expr;
+  EXPECT_EQ(all, "12345");
+
+  std::string b;
+  for (const Constraint& c : list.ForField(NameHash("b"))) b += c.expr;
+  EXPECT_EQ(b, "23");
+
+  auto it = list.ForField(NameHash("c"));
+  ASSERT_FALSE(it == it.end());
+  EXPECT_EQ(it->expr, "4");
+  ++it;
+  EXPECT_TRUE(it == it.end());
+
+  auto none = list.ForField(NameHash("z"));
+  EXPECT_TRUE(none == none.end());
+}
+
+TEST(ConstraintsList, NamesSurviveMovesAndBuiltConstraintsHaveNone) {
+  ConstraintsList moved;
+  {
+    ConstraintsList list;
+    ASSERT_TRUE(list.Parse(One("a_column_name_longer_than_small_strings", "text", "2", "v")));
+    moved = std::move(list);
+  }
+  ConstraintsList again(std::move(moved));
+  EXPECT_EQ(again.Items()[0].column_name, "a_column_name_longer_than_small_strings");
+
+  Constraint built(NameHash("pid"), kEquals, "12", kBigIntAffinity);
+  EXPECT_EQ(built.column_name, "<CONSTRAINT>");
+  ASSERT_TRUE(built.ParseValue());
+  again.Add(std::move(built));
+  EXPECT_EQ(again.Size(), 2u);
+  EXPECT_EQ(again.Items()[1].number.i64, 12);
+}
+
+}  // namespace
+}  // namespace Tarn::Storage::OSQuery
