@@ -3,6 +3,7 @@
 #include <lzma.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/Log.h"
@@ -45,8 +46,23 @@ lzma_ret RunToEnd(lzma_stream& stream) {
   return ret;
 }
 
+// Threads when the caller leaves the choice to the library: one per core,
+// unless TARN_LZMA_THREADS (read once, 1-256) says otherwise. It is the only
+// way to run the store's writer single-threaded, which bench/ingest_bench
+// needs to compare the two encoders on the whole write path.
+uint32_t DefaultThreads() {
+  static const uint32_t threads = [] {
+    const char* text = std::getenv("TARN_LZMA_THREADS");
+    char* end = nullptr;
+    unsigned long value = text != nullptr ? std::strtoul(text, &end, 10) : 0;
+    bool usable = end != text && end != nullptr && *end == '\0' && value >= 1 && value <= 256;
+    return usable ? static_cast<uint32_t>(value) : lzma_cputhreads();
+  }();
+  return threads;
+}
+
 uint32_t ResolveThreads(uint32_t requested, uint64_t n) {
-  uint32_t threads = requested != 0 ? requested : lzma_cputhreads();
+  uint32_t threads = requested != 0 ? requested : DefaultThreads();
   // More threads than blocks would only reserve encoder memory.
   uint64_t blocks = std::max<uint64_t>(1, (n + kBlockSize - 1) / kBlockSize);
   return static_cast<uint32_t>(std::clamp<uint64_t>(threads, 1, std::min<uint64_t>(blocks, 256)));

@@ -13,7 +13,8 @@ namespace Keel::Lzma {
 struct Options {
   // liblzma preset level, 0-9, optionally with LZMA_PRESET_EXTREME set.
   uint32_t preset = 6;
-  // Encoder threads; 0 means one per hardware core. More than one selects
+  // Encoder threads; 0 means one per hardware core (or TARN_LZMA_THREADS when
+  // set, for benchmarks of the single-threaded path). More than one selects
   // the multi-threaded encoder, which cuts the input into 2 MiB xz blocks.
   uint32_t threads = 0;
 };
