@@ -16,7 +16,7 @@ export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 "$tsan_dir/bin/keel_tests" --gtest_brief=1 \
   --gtest_filter='ThreadTest*:EventTest*:MutexTest*:FaultTest.*Concurrent*:RedBlackTreeTest.LockedTree*'
 "$tsan_dir/bin/manager_tests" --gtest_brief=1 \
-  --gtest_filter='*Concurrent*:StorageTelemetry*:StorageManager*:CrashRecovery*'
+  --gtest_filter='*Concurrent*:StorageTelemetry*:StorageManager*:CrashRecovery*:ReaderConcurrency*'
 unset TSAN_OPTIONS
 
 BUILD_DIR=${BUILD_DIR:-build} ./scripts/build.sh -DTARN_WERROR=ON

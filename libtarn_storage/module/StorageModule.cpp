@@ -29,6 +29,7 @@ enum Message : uint32_t {
   kQueryNotServed = 9,
   kUnexpectedException = 10,
   kNullEvent = 11,
+  kProviderCreateFailed = 12,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0) {
@@ -61,8 +62,8 @@ Storage::Storage() = default;
 
 Storage::~Storage() {
   if (owns_protobuf_shutdown_) google::protobuf::ShutdownProtobufLibrary();
-  // Members go in reverse order: the clock, then the manager, which stops
-  // its writer and writes telemetry when asked to.
+  // Members go in reverse order: the clock, the reader, then the manager,
+  // which stops its writer and writes telemetry when asked to.
 }
 
 void* Storage::Allocate(size_t size) {
@@ -114,6 +115,10 @@ bool Storage::Initialize(HostServices* host, ConfigReader* config) {
     }
     if (!manager_.Create(settings, &time_provider_, host_value, override_directory)) {
       Log(Keel::Log::Error, kManagerCreateFailed);
+      return false;
+    }
+    if (!provider_.Create()) {
+      Log(Keel::Log::Error, kProviderCreateFailed);
       return false;
     }
     return true;
@@ -201,8 +206,12 @@ void* Storage::QueryInterface(uint32_t id) {
       return static_cast<Comm::Interface::IStorageSender*>(this);
     case Interface::kStorageManagerId:
       return &manager_;
+    case Interface::kEventStorageId:
+      // Not before Initialize created it: an uncreated reader has no locks.
+      return provider_.IsCreated() ? static_cast<Comm::Interface::IEventStorage*>(&provider_)
+                                   : nullptr;
     default:
-      return nullptr;  // the reader joins under kEventStorageId
+      return nullptr;
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include "Tarn/Comm/IStorageSender.h"
 #include "Tarn/Module/Interface.h"
+#include "manager/EventStorageProvider.h"
 #include "manager/Settings.h"
 #include "manager/StorageManager.h"
 #include "module/DefaultTimeProvider.h"
@@ -13,8 +14,8 @@ namespace Tarn::Module {
 
 class ModuleAllocator;
 
-// The module object the host drives. It owns the writer and the clock; the
-// host reaches everything else through QueryInterface.
+// The module object the host drives. It owns the writer, the reader and the
+// clock; the host reaches everything else through QueryInterface.
 class Storage final : public Interface, public Comm::Interface::IStorageSender {
  public:
   Storage();
@@ -57,7 +58,10 @@ class Storage final : public Interface, public Comm::Interface::IStorageSender {
   uint32_t intake_disabled_ = 0;
   HostServices* host_ = nullptr;
   bool owns_protobuf_shutdown_ = true;
+  // The reader refers to the manager, so it is declared after it and goes
+  // first at destruction.
   Tarn::Storage::StorageManager manager_;
+  Tarn::Storage::EventStorageProvider provider_{manager_, manager_.telemetry()};
   Tarn::Storage::DefaultTimeProvider time_provider_;
 };
 

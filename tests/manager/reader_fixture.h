@@ -1,0 +1,141 @@
+#pragma once
+
+// A real store (writer thread, day files, index) driven by a test clock, with
+// the reader on top of it and a model of where every fed event must lie.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Keel/OS/FaultInjection.h"
+#include "Keel/OS/Time.h"
+#include "Tarn/Events/Base.h"
+#include "manager/EventStorageProvider.h"
+#include "manager/StorageHelper.h"
+#include "manager/StorageManager.h"
+#include "support/store_fixture.h"
+#include "support/temp_dir.h"
+
+namespace tarn::test {
+
+inline Tarn::Storage::Settings ReaderSettings() {
+  Tarn::Storage::Settings s = Tarn::Storage::Settings::default_();
+  s.block_buffer_size = 102'400;
+  s.max_storage_size = 52'428'800;
+  s.max_days = 10;
+  return s;
+}
+
+inline Keel::OS::DateTime TimeOf(uint32_t day, uint32_t second) {
+  return Keel::OS::DateTime(static_cast<int64_t>(EpochOf(day, second)));
+}
+
+// One event the test fed, and the position the reader must give it.
+struct FedEvent {
+  uint16_t day;
+  uint32_t second;
+  uint64_t position;
+  std::vector<uint8_t> record;
+};
+
+class ReaderStore {
+ public:
+  explicit ReaderStore(Tarn::Storage::Settings settings = ReaderSettings()) : settings_(settings) {}
+  ~ReaderStore() { Keel::OS::Faults::ClearRules(); }
+
+  bool Open() {
+    manager_ = std::make_unique<Tarn::Storage::StorageManager>();
+    if (!manager_->Create(settings_, &clock_, 1, dir_.path().c_str())) return false;
+    reader_ =
+        std::make_unique<Tarn::Storage::EventStorageProvider>(*manager_, manager_->telemetry());
+    return reader_->Create();
+  }
+
+  // Appends an event at (day, second) to the open block; a new day starts a
+  // new block, as the writer does.
+  bool Feed(uint16_t day, uint32_t second, uint32_t size = 120) {
+    if (open_events_ != 0 && day != open_day_) CloseBlock();
+    clock_.SetDay(day, second);
+    std::vector<uint8_t> record = MakeEvent(static_cast<uint32_t>(fed_.size()), size);
+    Tarn::Events::Objects::Base event(record.data(), record.size());
+    if (!manager_->AddEvent(event)) return false;
+    open_day_ = day;
+    uint32_t block = BlocksOf(day);
+    fed_.push_back({day, second, Tarn::Storage::RawIterator(day, block, open_events_++), record});
+    return true;
+  }
+
+  // Cuts the open block: everything fed so far is readable afterwards.
+  bool Cut() {
+    if (open_events_ != 0) CloseBlock();
+    return manager_->Flush();
+  }
+
+  // One whole block of events at `seconds` of `day`.
+  bool Block(uint16_t day, std::initializer_list<uint32_t> seconds) {
+    for (uint32_t second : seconds) {
+      if (!Feed(day, second)) return false;
+    }
+    return Cut();
+  }
+
+  // Leaves `day` in the index with no block: the writer cannot create its
+  // file, so the day is added and its block dropped.
+  bool EmptyDay(uint16_t day) {
+    if (!Cut()) return false;
+    Keel::OS::Faults::Rule rule;
+    rule.path_contains = Tarn::Storage::Utils::DayFileName(day, 2);
+    rule.operations = Keel::OS::Faults::Open;
+    rule.times = Keel::OS::Faults::Rule::kForever;
+    int id = Keel::OS::Faults::AddRule(rule);
+    clock_.SetDay(day, 1);
+    std::vector<uint8_t> record = MakeEvent(0xFFFF, 100);
+    Tarn::Events::Objects::Base event(record.data(), record.size());
+    bool ok = manager_->AddEvent(event) && manager_->Flush();
+    Keel::OS::Faults::RemoveRule(id);
+    return ok;
+  }
+
+  Tarn::Storage::EventStorageProvider& reader() { return *reader_; }
+  Tarn::Storage::StorageManager& manager() { return *manager_; }
+  FakeClock& clock() { return clock_; }
+  const std::vector<FedEvent>& fed() const { return fed_; }
+  std::string DayFile(uint16_t day) const {
+    return dir_.File(Tarn::Storage::Utils::DayFileName(day, 2));
+  }
+  const std::string& directory() const { return dir_.path(); }
+
+  // Closes the whole store, the reader first.
+  void Close() {
+    reader_.reset();
+    manager_.reset();
+  }
+
+ private:
+  void CloseBlock() {
+    ++blocks_[open_day_];
+    open_events_ = 0;
+  }
+
+  uint32_t BlocksOf(uint16_t day) {
+    auto it = blocks_.find(day);
+    return it == blocks_.end() ? 0 : it->second;
+  }
+
+  Tarn::Storage::Settings settings_;
+  TempDir dir_;
+  FakeClock clock_{EpochOf(9000, 0)};
+  std::unique_ptr<Tarn::Storage::StorageManager> manager_;
+  std::unique_ptr<Tarn::Storage::EventStorageProvider> reader_;
+  std::vector<FedEvent> fed_;
+  std::map<uint16_t, uint32_t> blocks_;
+  uint16_t open_day_ = 0;
+  uint32_t open_events_ = 0;
+};
+
+}  // namespace tarn::test

@@ -1,0 +1,228 @@
+// Positions: first, last, stepping, comparing, and the by-time search, on
+// stores written by the real writer.
+
+#include <gtest/gtest.h>
+
+#include "manager/TimeIndex.h"
+#include "reader_fixture.h"
+#include "support/log_capture.h"
+
+namespace Tarn::Storage {
+namespace {
+
+using Comm::Interface::AtOrAfter;
+using Comm::Interface::AtOrBefore;
+using Comm::Interface::Exact;
+using tarn::test::TimeOf;
+
+constexpr uint64_t kInvalid = RawIterator::Invalid;
+
+uint64_t At(uint16_t day, uint32_t block, uint32_t event) { return RawIterator(day, block, event); }
+
+class ReaderNavigationTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(store_.Open()); }
+  EventStorageProvider& reader() { return store_.reader(); }
+  uint64_t ByTime(uint16_t day, uint32_t second, uint32_t strategy) {
+    return reader().GetIterVal(TimeOf(day, second),
+                               static_cast<Comm::Interface::SearchStrategy>(strategy));
+  }
+  size_t ProviderErrors(const tarn::test::LogCapture& log) {
+    return log.CountFrom(Keel::Log::StorageProvider, Keel::Log::Error);
+  }
+
+  tarn::test::ReaderStore store_;
+};
+
+TEST_F(ReaderNavigationTest, EmptyStoreHasNoPositions) {
+  EXPECT_EQ(reader().GetFirstIterVal(), kInvalid);
+  EXPECT_EQ(reader().GetLastIterVal(), kInvalid);
+  for (uint64_t start : {At(9000, 0, 0), kInvalid}) {
+    uint64_t p = start;
+    EXPECT_FALSE(reader().Increment(p));
+    EXPECT_EQ(p, kInvalid);
+    p = start;
+    EXPECT_FALSE(reader().Decrement(p));
+    EXPECT_EQ(p, kInvalid);
+  }
+  for (uint32_t strategy : {0u, 1u, 2u}) EXPECT_EQ(ByTime(9000, 10, strategy), kInvalid);
+  EXPECT_EQ(reader().GetSize(), 0u);
+}
+
+TEST_F(ReaderNavigationTest, WalksVisitEveryEventAcrossBlocksAndDaysAndStopQuietlyAtTheEnds) {
+  ASSERT_TRUE(store_.Block(9000, {10, 20}));
+  ASSERT_TRUE(store_.Block(9000, {30}));
+  ASSERT_TRUE(store_.Block(9002, {5, 6, 7}));
+  const std::vector<uint64_t> expected = {At(9000, 0, 0), At(9000, 0, 1), At(9000, 1, 0),
+                                          At(9002, 0, 0), At(9002, 0, 1), At(9002, 0, 2)};
+  EXPECT_EQ(reader().GetFirstIterVal(), expected.front());
+  EXPECT_EQ(reader().GetLastIterVal(), expected.back());
+
+  tarn::test::LogCapture log;
+  std::vector<uint64_t> forward;
+  for (uint64_t p = reader().GetFirstIterVal(); p != kInvalid; reader().Increment(p)) {
+    forward.push_back(p);
+  }
+  EXPECT_EQ(forward, expected);
+  std::vector<uint64_t> backward;
+  for (uint64_t p = reader().GetLastIterVal(); p != kInvalid; reader().Decrement(p)) {
+    backward.insert(backward.begin(), p);
+  }
+  EXPECT_EQ(backward, expected);
+  // Reaching either end is the normal end of a walk, not an error.
+  EXPECT_EQ(ProviderErrors(log), 0u);
+  EXPECT_EQ(reader().GetSize(), 6u);
+}
+
+TEST_F(ReaderNavigationTest, AnEmptyNeighbouringDayEndsTheWalkInsteadOfBeingSkipped) {
+  ASSERT_TRUE(store_.Block(9000, {10}));
+  ASSERT_TRUE(store_.EmptyDay(9001));
+  ASSERT_TRUE(store_.Block(9002, {20}));
+  EXPECT_EQ(reader().GetFirstIterVal(), At(9000, 0, 0));
+  EXPECT_EQ(reader().GetLastIterVal(), At(9002, 0, 0));
+
+  tarn::test::LogCapture log;
+  uint64_t p = At(9000, 0, 0);
+  EXPECT_FALSE(reader().Increment(p));
+  EXPECT_EQ(p, kInvalid);
+  p = At(9002, 0, 0);
+  EXPECT_FALSE(reader().Decrement(p));
+  EXPECT_EQ(p, kInvalid);
+  EXPECT_EQ(ProviderErrors(log), 2u);
+  // The by-time search does not pass over it either.
+  EXPECT_EQ(ByTime(9000, 50, AtOrAfter), kInvalid);
+  EXPECT_EQ(ByTime(9002, 5, AtOrBefore), kInvalid);
+  EXPECT_EQ(ByTime(9001, 5, AtOrAfter), kInvalid);
+}
+
+TEST_F(ReaderNavigationTest, AnEmptyFirstDayHasNoFirstPositionWhileEmptyLastDaysAreSkipped) {
+  ASSERT_TRUE(store_.EmptyDay(9000));
+  ASSERT_TRUE(store_.Block(9001, {10, 11}));
+  ASSERT_TRUE(store_.EmptyDay(9002));
+  ASSERT_TRUE(store_.EmptyDay(9003));
+  EXPECT_EQ(reader().GetFirstIterVal(), kInvalid);
+  EXPECT_EQ(reader().GetLastIterVal(), At(9001, 0, 1));
+  DateTimeInterval window;
+  EXPECT_FALSE(reader().GetStorageTimeWindow(window));
+}
+
+TEST_F(ReaderNavigationTest, CompareOrdersDayThenBlockThenEventAndReadsNothing) {
+  EventStorageProvider& r = reader();
+  EXPECT_EQ(r.Compare(At(5, 1, 2), At(5, 1, 2)), 0);
+  EXPECT_EQ(r.Compare(At(5, 0, 9), At(5, 1, 0)), -1);
+  EXPECT_EQ(r.Compare(At(5, 1, 0), At(5, 0, 9)), 1);
+  EXPECT_EQ(r.Compare(At(4, 7, 7), At(5, 0, 0)), -1);  // day outranks block and event
+  EXPECT_EQ(r.Compare(At(5, 2, 0), At(5, 1, 99)), 1);  // block outranks event
+  EXPECT_EQ(r.Compare(kInvalid, At(0xFFFE, 0xFFFFFF, 0xFFFFFF)), 1);
+  EXPECT_EQ(r.Compare(At(70, 0, 0), At(0x1FF, 0, 0)), -1);  // unsigned, not bytewise
+  EXPECT_TRUE(r.IsValid(0));
+  EXPECT_FALSE(r.IsValid(kInvalid));
+  EXPECT_EQ(r.GetIterVal(uint64_t{12345}), 12345u);
+}
+
+TEST_F(ReaderNavigationTest, TheBlockOfTenTwentyTwentyThirty) {
+  ASSERT_TRUE(store_.Block(9000, {10, 20, 20, 30}));
+  EXPECT_EQ(ByTime(9000, 20, Exact), At(9000, 0, 1));
+  EXPECT_EQ(ByTime(9000, 25, Exact), kInvalid);
+  EXPECT_EQ(ByTime(9000, 25, AtOrAfter), At(9000, 0, 3));
+  EXPECT_EQ(ByTime(9000, 25, AtOrBefore), At(9000, 0, 2));
+  EXPECT_EQ(ByTime(9000, 5, AtOrAfter), At(9000, 0, 0));
+  EXPECT_EQ(ByTime(9000, 20, AtOrBefore), At(9000, 0, 1));
+  EXPECT_EQ(ByTime(9000, 5, AtOrBefore), kInvalid);
+  // The day-level search retargets a time after the block to its last event.
+  EXPECT_EQ(ByTime(9000, 35, AtOrBefore), At(9000, 0, 3));
+  EXPECT_EQ(ByTime(9000, 20, 3), kInvalid);
+  EXPECT_EQ(reader().GetIterVal(TimeOf(9000, 30)), At(9000, 0, 3));  // slot 6 is Exact
+
+  // The in-block search alone is strict where the day-level one retargets.
+  BlockCache::BlockPtr block = reader().GetBlockFromCache(At(9000, 0, 0));
+  ASSERT_NE(block, nullptr);
+  auto in_block = [&](uint32_t second, uint32_t strategy) {
+    return EventStorageProvider::GetEventIndexFromBlock(
+        *block, TimeIndex{9000, second}, static_cast<Comm::Interface::SearchStrategy>(strategy));
+  };
+  constexpr uint32_t kNone = EventStorageProvider::kNoEvent;
+  EXPECT_EQ(in_block(20, Exact), 1u);
+  EXPECT_EQ(in_block(25, Exact), kNone);
+  EXPECT_EQ(in_block(25, AtOrAfter), 3u);
+  EXPECT_EQ(in_block(25, AtOrBefore), 2u);
+  EXPECT_EQ(in_block(5, AtOrBefore), kNone);
+  EXPECT_EQ(in_block(35, AtOrBefore), kNone);
+  EXPECT_EQ(in_block(35, AtOrAfter), kNone);
+  EXPECT_EQ(in_block(5, AtOrAfter), 0u);
+  EXPECT_EQ(in_block(10, 3), kNone);
+}
+
+TEST_F(ReaderNavigationTest, GapsBetweenBlocksAndDaysAndTimesOutsideTheStore) {
+  ASSERT_TRUE(store_.Block(9000, {100, 110}));
+  ASSERT_TRUE(store_.Block(9000, {200, 210}));
+  ASSERT_TRUE(store_.Block(9002, {50}));
+  // Inside a day, between two blocks.
+  EXPECT_EQ(ByTime(9000, 150, AtOrAfter), At(9000, 1, 0));
+  EXPECT_EQ(ByTime(9000, 150, AtOrBefore), At(9000, 0, 1));
+  EXPECT_EQ(ByTime(9000, 150, Exact), kInvalid);
+  EXPECT_EQ(ByTime(9000, 205, AtOrBefore), At(9000, 1, 0));
+  EXPECT_EQ(ByTime(9000, 205, AtOrAfter), At(9000, 1, 1));
+  // Between days, on a missing day and past a day's last event.
+  EXPECT_EQ(ByTime(9001, 10, AtOrAfter), At(9002, 0, 0));
+  EXPECT_EQ(ByTime(9001, 10, AtOrBefore), At(9000, 1, 1));
+  EXPECT_EQ(ByTime(9001, 10, Exact), kInvalid);
+  EXPECT_EQ(ByTime(9000, 300, AtOrAfter), At(9002, 0, 0));
+  EXPECT_EQ(ByTime(9002, 10, AtOrBefore), At(9000, 1, 1));
+  EXPECT_EQ(ByTime(9000, 50, AtOrAfter), At(9000, 0, 0));
+  // Before and after everything.
+  EXPECT_EQ(ByTime(8990, 0, AtOrAfter), At(9000, 0, 0));
+  EXPECT_EQ(ByTime(8990, 0, AtOrBefore), kInvalid);
+  EXPECT_EQ(ByTime(9010, 0, AtOrAfter), kInvalid);
+  EXPECT_EQ(ByTime(9010, 0, AtOrBefore), At(9002, 0, 0));
+  EXPECT_EQ(ByTime(9002, 60, AtOrAfter), kInvalid);
+
+  // The block half of the search alone: event number 0 of the block.
+  EXPECT_EQ(reader().GetBlockIterValEx(TimeOf(9000, 205), AtOrAfter), At(9000, 1, 0));
+  EXPECT_EQ(reader().GetBlockIterValEx(TimeOf(9001, 0), AtOrBefore), At(9000, 1, 0));
+  EXPECT_EQ(reader().GetBlockIterValEx(TimeOf(9010, 0), AtOrAfter), kInvalid);
+}
+
+TEST_F(ReaderNavigationTest, TimesBefore2000WrapToAFarDay) {
+  ASSERT_TRUE(store_.Block(9000, {100, 110}));
+  ASSERT_TRUE(store_.Block(9001, {7}));
+  for (int64_t seconds : {int64_t{946'684'799}, int64_t{0}, int64_t{-31'536'000}}) {
+    SCOPED_TRACE(seconds);
+    Keel::OS::DateTime time(seconds);
+    TimeIndex wrapped = ToTimeIndex(static_cast<uint64_t>(seconds));
+    ASSERT_GT(wrapped.day, 9001);  // later than every stored day
+    EXPECT_EQ(reader().GetIterVal(time, AtOrAfter), kInvalid);
+    EXPECT_EQ(reader().GetIterVal(time, AtOrBefore), At(9001, 0, 0));
+    EXPECT_EQ(reader().GetIterVal(time, Exact), kInvalid);
+  }
+}
+
+TEST_F(ReaderNavigationTest, TimeAndWindowComeFromPositionsBlocksAndTheIndex) {
+  DateTimeInterval window;
+  ASSERT_TRUE(reader().GetStorageTimeWindow(window));
+  EXPECT_EQ(window.start, 946'684'800);
+  EXPECT_EQ(window.end, 3'471'292'800);
+
+  ASSERT_TRUE(store_.Block(9000, {100, 150, 200}));
+  ASSERT_TRUE(reader().GetStorageTimeWindow(window));
+  EXPECT_EQ(window.start, static_cast<int64_t>(tarn::test::EpochOf(9000, 100)));
+  EXPECT_EQ(window.end, static_cast<int64_t>(tarn::test::EpochOf(9000, 200)));
+  ASSERT_TRUE(store_.Block(9003, {86'399}));
+  ASSERT_TRUE(reader().GetStorageTimeWindow(window));
+  EXPECT_EQ(window.start, static_cast<int64_t>(tarn::test::EpochOf(9000, 100)));
+  EXPECT_EQ(window.end, static_cast<int64_t>(tarn::test::EpochOf(9003, 86'399)));
+
+  Keel::OS::DateTime time;
+  ASSERT_TRUE(reader().GetTime(At(9000, 0, 1), time));
+  EXPECT_EQ(time.ToSecondsSinceEpoch(), static_cast<int64_t>(tarn::test::EpochOf(9000, 150)));
+  ASSERT_TRUE(reader().GetTime(At(9003, 0, 0), time));
+  EXPECT_EQ(time.ToSecondsSinceEpoch(), static_cast<int64_t>(tarn::test::EpochOf(9003, 86'399)));
+  // An event number equal to the block's count names no event.
+  EXPECT_FALSE(reader().GetTime(At(9000, 0, 3), time));
+  EXPECT_FALSE(reader().GetTime(At(9000, 1, 0), time));
+  EXPECT_FALSE(reader().GetTime(At(9001, 0, 0), time));
+  EXPECT_EQ(reader().GetSize(), 4u);
+}
+
+}  // namespace
+}  // namespace Tarn::Storage
