@@ -6,11 +6,10 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Keel/Collections/Array.h"
@@ -18,6 +17,7 @@
 #include "Keel/OS/File.h"
 #include "manager/DayFile.h"
 #include "manager/EventsBlock.h"
+#include "support/sample_records.h"
 
 namespace {
 
@@ -31,48 +31,14 @@ struct Records {
   Keel::Collections::Array<BlockEntry> entries;
 };
 
-// Event-like records: a 24-byte header with a rising millisecond clock, a few
-// numeric slots, then paths, command lines, user names and a hex hash.
-// Deterministic, so every run measures the same bytes.
+// The shared event-like sample with the entry table the store would build.
 Records EventLikeRecords(size_t size) {
-  static const char* kUsers[] = {"root", "svc-backup", "alice", "www-data", "postgres"};
-  static const char* kBinaries[] = {"/usr/bin/python3", "/usr/sbin/sshd", "/usr/bin/curl",
-                                    "/opt/agent/bin/updater", "/usr/lib/systemd/systemd-journald"};
+  tarn::test::SampleRecords sample = tarn::test::EventLikeRecords(size);
   Records out;
-  out.bytes.reserve(size + 1024);
-  uint64_t state = 1, clock_ms = 1795313392000ull;
-  auto next = [&state] {
-    state = state * 6364136223846793005ull + 1442695040888963407ull;
-    return static_cast<uint32_t>(state >> 33);
-  };
-  auto put = [&out](uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) out.bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
-  };
-  while (true) {
-    char text[512];
-    uint32_t pid = 1000 + next() % 30000, id = next() % 64;
-    int n = std::snprintf(text, sizeof(text),
-                          "%s%c%s --job %u --queue jobs-%u --config /etc/agent/conf.d/%02u.yaml%c"
-                          "/var/lib/agent/cache/%08x/%u.tmp%c%s%c",
-                          kBinaries[id % 5], 0, kBinaries[id % 5], next() % 100000, id, id % 7, 0,
-                          next(), pid, 0, kUsers[next() % 5], 0);
-    for (int i = 0; i < 64; ++i) text[n++] = "0123456789abcdef"[next() % 16];
-    text[n++] = 0;
-    size_t start = out.bytes.size();
-    if (start + 40 + n > size) break;
-    clock_ms += next() % 40;
-    put(2 + id % 40, 4);
-    put(0, 4);
-    put(1, 2);
-    put(40 + n, 2);
-    put(0, 4);
-    put(clock_ms, 8);
-    put(pid, 4);
-    put(pid - 1 - next() % 50, 4);
-    put(next() % 4096 * 512, 8);
-    out.bytes.insert(out.bytes.end(), text, text + n);
-    uint32_t second = static_cast<uint32_t>(clock_ms / 1000 % 86400);
-    out.entries.Add(BlockEntry{static_cast<uint32_t>(start), second});
+  out.bytes = std::move(sample.bytes);
+  for (size_t i = 0; i < sample.offsets.size(); ++i) {
+    uint32_t second = static_cast<uint32_t>(sample.times_ms[i] / 1000 % 86400);
+    out.entries.Add(BlockEntry{sample.offsets[i], second});
   }
   return out;
 }

@@ -6,64 +6,18 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/Lzma.h"
+#include "support/sample_records.h"
 
 namespace {
 
 constexpr size_t kBlockBytes = 10 << 20;
 
-// Event records as the store keeps them: a 24-byte header (type, size,
-// rising millisecond clock), numeric slots, then paths, command lines, user
-// names and hex hashes. Deterministic, so every run measures the same bytes.
-std::vector<uint8_t> EventLikeRecords(size_t size) {
-  static const char* kUsers[] = {"root", "svc-backup", "alice", "www-data", "postgres"};
-  static const char* kBinaries[] = {"/usr/bin/python3", "/usr/sbin/sshd", "/usr/bin/curl",
-                                    "/opt/agent/bin/updater", "/usr/lib/systemd/systemd-journald"};
-  std::vector<uint8_t> out;
-  out.reserve(size + 1024);
-  uint64_t state = 1, clock_ms = 1795313392000ull;
-  auto next = [&state] {
-    state = state * 6364136223846793005ull + 1442695040888963407ull;
-    return static_cast<uint32_t>(state >> 33);
-  };
-  auto put = [&out](uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-  };
-  while (out.size() < size) {
-    char text[512];
-    uint32_t pid = 1000 + next() % 30000, id = next() % 64;
-    int n = std::snprintf(text, sizeof(text),
-                          "%s%c%s --job %u --queue jobs-%u --config /etc/agent/conf.d/%02u.yaml%c"
-                          "/var/lib/agent/cache/%08x/%u.tmp%c%s%c",
-                          kBinaries[id % 5], 0, kBinaries[id % 5], next() % 100000, id, id % 7, 0,
-                          next(), pid, 0, kUsers[next() % 5], 0);
-    for (int i = 0; i < 64; ++i) text[n++] = "0123456789abcdef"[next() % 16];
-    text[n++] = 0;
-    size_t start = out.size();
-    clock_ms += next() % 40;
-    put(2 + id % 40, 4);
-    put(0, 4);
-    put(1, 2);
-    put(0, 2);  // size, patched below
-    put(0, 4);
-    put(clock_ms, 8);
-    put(pid, 4);
-    put(pid - 1 - next() % 50, 4);
-    put(next() % 4096 * 512, 8);
-    out.insert(out.end(), text, text + n);
-    uint16_t length = static_cast<uint16_t>(out.size() - start);
-    std::memcpy(&out[start + 10], &length, 2);
-  }
-  out.resize(size);
-  return out;
-}
-
 const std::vector<uint8_t>& Sample() {
-  static const std::vector<uint8_t> sample = EventLikeRecords(kBlockBytes);
+  static const std::vector<uint8_t> sample = tarn::test::EventLikeBytes(kBlockBytes);
   return sample;
 }
 

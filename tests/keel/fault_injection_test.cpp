@@ -9,8 +9,8 @@
 
 #include "Keel/OS/File.h"
 #include "Keel/OS/FileSystem.h"
+#include "keel/disk_fixture.h"
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace {
 
@@ -21,64 +21,51 @@ using tarn::test::LogCapture;
 using tarn::test::ReadWholeFile;
 using tarn::test::WriteWholeFile;
 
-// Rules and tracking are process-wide: every test starts and ends clean.
-class FaultTest : public ::testing::Test {
- protected:
-  void SetUp() override { Reset(); }
-  void TearDown() override { Reset(); }
-  static void Reset() {
-    Faults::ClearRules();
-    Faults::EnableCrashTracking(false);
+class FaultTest : public tarn::test::DiskTest {};
+
+// Writes one byte at a time, alternating Write and Append: the nth and the
+// `times - 1` after it fail with the rule's error, one log record each.
+TEST_F(FaultTest, NthWriteFailsForTimesThenWritesResume) {
+  struct Case {
+    const char* path;
+    uint32_t nth, times;
+    Faults::Kind kind;
+    int error, writes;
+  };
+  for (const Case& c :
+       {Case{"day.db", 3, 1, Faults::Eio, EIO, 5}, Case{"", 2, 2, Faults::Enospc, ENOSPC, 5},
+        Case{"", 1, Faults::Rule::kForever, Faults::Eio, EIO, 50}}) {
+    SCOPED_TRACE(c.nth);
+    ResetFaults();
+    int rule = Faults::AddRule({c.path, Faults::Write, c.nth, c.kind, c.times});
+    File file = OpenNew("day.db");
+    LogCapture log;
+    std::string landed;
+    for (int i = 1; i <= c.writes; ++i) {
+      const char byte = static_cast<char>('a' + i);
+      bool fails = uint32_t(i) >= c.nth && uint32_t(i) - c.nth < c.times;
+      EXPECT_EQ(!fails, i % 2 ? file.Write(&byte, 1) : file.Append(&byte, 1)) << i;
+      if (fails) {
+        EXPECT_EQ(c.error, file.LastError());
+      } else {
+        landed += byte;
+      }
+    }
+    uint64_t failed = c.writes - landed.size();
+    EXPECT_EQ(landed, ReadWholeFile(Path("day.db")));
+    EXPECT_EQ(uint64_t(c.writes), Faults::MatchCount(rule));
+    EXPECT_EQ(failed, Faults::FailCount(rule));
+    EXPECT_EQ(failed, log.CountFrom(Keel::Log::File, Keel::Log::Error));
   }
-
-  File OpenNew(const std::string& name) {
-    File file;
-    EXPECT_TRUE(file.Open(dir_.File(name), File::Mode::CreateTruncate));
-    return file;
-  }
-
-  tarn::test::TempDir dir_;
-};
-
-TEST_F(FaultTest, NthWriteFailsOnceWithEio) {
-  int rule = Faults::AddRule({"day.db", Faults::Write, 3, Faults::Eio, 1});
-  File file = OpenNew("day.db");
-  LogCapture log;
-  EXPECT_TRUE(file.Write("1", 1));
-  EXPECT_TRUE(file.Write("2", 1));
-  EXPECT_FALSE(file.Write("3", 1));
-  EXPECT_EQ(EIO, file.LastError());
-  EXPECT_EQ(1u, log.CountFrom(Keel::Log::File, Keel::Log::Error));
-  EXPECT_TRUE(file.Append("4", 1));
-  EXPECT_TRUE(file.WriteAt(0, "0", 1));
-  EXPECT_EQ("024", ReadWholeFile(dir_.File("day.db")));
-  EXPECT_EQ(5u, Faults::MatchCount(rule));
-  EXPECT_EQ(1u, Faults::FailCount(rule));
-}
-
-TEST_F(FaultTest, TimesBoundsConsecutiveFailures) {
-  int rule = Faults::AddRule({"", Faults::Write, 2, Faults::Enospc, 2});
-  File file = OpenNew("day.db");
-  EXPECT_TRUE(file.Write("a", 1));
-  EXPECT_FALSE(file.Write("b", 1));
-  EXPECT_EQ(ENOSPC, file.LastError());
-  EXPECT_FALSE(file.Write("c", 1));
-  EXPECT_TRUE(file.Write("d", 1));
-  EXPECT_EQ("ad", ReadWholeFile(dir_.File("day.db")));
-  EXPECT_EQ(2u, Faults::FailCount(rule));
-
-  Faults::ClearRules();
-  Faults::AddRule({"", Faults::Write, 1, Faults::Eio, Faults::Rule::kForever});
-  for (int i = 0; i < 50; ++i) EXPECT_FALSE(file.Write("e", 1));
 }
 
 TEST_F(FaultTest, ShortWriteStoresExactlyHalf) {
   Faults::AddRule({"day.db", Faults::Write, 2, Faults::ShortWrite, 1});
   File file = OpenNew("day.db");
   ASSERT_TRUE(file.Write("ETRN", 4));
-  EXPECT_FALSE(file.Write("0123456789", 10));
+  EXPECT_FALSE(file.WriteAt(4, "0123456789", 10));
   EXPECT_EQ(ENOSPC, file.LastError());
-  EXPECT_EQ("ETRN01234", ReadWholeFile(dir_.File("day.db")));
+  EXPECT_EQ("ETRN01234", ReadWholeFile(Path("day.db")));
   uint64_t size = 0;
   ASSERT_TRUE(file.GetSize(size));
   EXPECT_EQ(9u, size);
@@ -106,34 +93,34 @@ TEST_F(FaultTest, RulesMatchOnlyTheirPathAndOperations) {
 }
 
 TEST_F(FaultTest, FileSystemOperationsFailAsInjected) {
-  std::string name = dir_.File("storage.index.db");
+  std::string name = Path("storage.index.db");
   WriteWholeFile(name, "index");
   WriteWholeFile(name + ".temp", "new");
-  Faults::AddRule({"storage.index.db", Faults::Delete | Faults::Move | Faults::Stat, 1,
-                   Faults::Eio, Faults::Rule::kForever});
+  Faults::AddRule({"storage.index.db", Faults::Delete | Faults::Move | Faults::Stat, 1, Faults::Eio,
+                   Faults::Rule::kForever});
   Faults::AddRule({"/subdir", Faults::CreateDirectory | Faults::List | Faults::Open, 1,
                    Faults::Enospc, Faults::Rule::kForever});
   LogCapture log;
   uint64_t size = 0;
   EXPECT_FALSE(FileSystem::DeleteFile(name));
-  EXPECT_FALSE(FileSystem::MoveFile(dir_.File("other"), name));  // matches the target name
+  EXPECT_FALSE(FileSystem::MoveFile(Path("other"), name));  // matches the target name
   EXPECT_FALSE(FileSystem::GetFileSize(name, size));
   EXPECT_EQ(EIO, FileSystem::LastError());
-  EXPECT_FALSE(FileSystem::CreateDirectory(dir_.File("subdir")));
+  EXPECT_FALSE(FileSystem::CreateDirectory(Path("subdir")));
   EXPECT_EQ(ENOSPC, FileSystem::LastError());
   std::vector<std::string> names;
-  EXPECT_FALSE(FileSystem::ListDirectory(dir_.File("subdir"), names));
+  EXPECT_FALSE(FileSystem::ListDirectory(Path("subdir"), names));
   File file;
-  EXPECT_FALSE(file.Open(dir_.File("subdir.db"), File::Mode::CreateTruncate));
+  EXPECT_FALSE(file.Open(Path("subdir.db"), File::Mode::CreateTruncate));
   EXPECT_EQ(ENOSPC, file.LastError());
   EXPECT_EQ(5u, log.CountFrom(Keel::Log::FileSystem, Keel::Log::Error));
   EXPECT_EQ(1u, log.CountFrom(Keel::Log::File, Keel::Log::Error));
 
   // Nothing happened on disk.
   EXPECT_EQ("index", ReadWholeFile(name));
-  EXPECT_FALSE(FileSystem::Exists(dir_.File("subdir")));
-  EXPECT_FALSE(FileSystem::Exists(dir_.File("subdir.db")));
-  Faults::ClearRules();
+  EXPECT_FALSE(FileSystem::Exists(Path("subdir")));
+  EXPECT_FALSE(FileSystem::Exists(Path("subdir.db")));
+  ResetFaults();
   EXPECT_TRUE(FileSystem::MoveFile(name + ".temp", name));
   EXPECT_EQ("new", ReadWholeFile(name));
 }
@@ -151,46 +138,48 @@ TEST_F(FaultTest, CountsAreExactUnderConcurrentWriters) {
   EXPECT_EQ(1000u, Faults::MatchCount(counter));
 }
 
-TEST_F(FaultTest, PowerCutDropsUnflushedAppendsAndKeepsFlushedBytes) {
+// Appends after the last good flush (even a failed flush) are lost, files
+// never flushed vanish, and durable files that were only opened stay.
+TEST_F(FaultTest, PowerCutUndoesEverythingSinceTheLastGoodFlush) {
+  std::string day = Path("storage.00001.000.db");
+  WriteWholeFile(Path("storage.lock"), "");
   Faults::EnableCrashTracking(true);
-  std::string path = dir_.File("storage.00001.000.db");
   File file = OpenNew("storage.00001.000.db");
   ASSERT_TRUE(file.Append("ETRN", 4));
   ASSERT_TRUE(file.Append("block1", 6));
   ASSERT_TRUE(file.Flush());
   EXPECT_EQ(0u, Faults::PendingFiles());
   ASSERT_TRUE(file.Append("block2", 6));
-  EXPECT_EQ(1u, Faults::PendingFiles());
-  ASSERT_TRUE(file.Close());
-
-  Faults::SimulatePowerCut();
-  EXPECT_EQ("ETRNblock1", ReadWholeFile(path));
-  EXPECT_EQ(0u, Faults::PendingFiles());
-}
-
-TEST_F(FaultTest, PowerCutDeletesNeverFlushedFiles) {
-  Faults::EnableCrashTracking(true);
+  Faults::AddRule({"storage.00001", Faults::Flush, 1, Faults::Eio, 1});
+  EXPECT_FALSE(file.Flush());
   {
-    File file = OpenNew("storage.00002.000.db");
-    ASSERT_TRUE(file.Write("ETRN", 4));
+    File never_flushed = OpenNew("storage.00002.000.db");
+    ASSERT_TRUE(never_flushed.Write("ETRN", 4));
   }
-  File lock;  // opening a durable file without changing it is not a change
-  WriteWholeFile(dir_.File("storage.lock"), "");
-  ASSERT_TRUE(lock.Open(dir_.File("storage.lock"), File::Mode::OpenOrCreate));
-  EXPECT_EQ(1u, Faults::PendingFiles());
+  File lock;
+  ASSERT_TRUE(lock.Open(Path("storage.lock"), File::Mode::OpenOrCreate));
+  EXPECT_EQ(2u, Faults::PendingFiles());
 
   Faults::SimulatePowerCut();
-  EXPECT_FALSE(FileSystem::Exists(dir_.File("storage.00002.000.db")));
-  EXPECT_TRUE(FileSystem::Exists(dir_.File("storage.lock")));
+  EXPECT_EQ("ETRNblock1", ReadWholeFile(day));
+  EXPECT_FALSE(FileSystem::Exists(Path("storage.00002.000.db")));
+  EXPECT_TRUE(FileSystem::Exists(Path("storage.lock")));
+  EXPECT_EQ(0u, Faults::PendingFiles());
+
+  // Without tracking nothing is remembered or undone.
+  Faults::EnableCrashTracking(false);
+  ASSERT_TRUE(file.Append("block2", 6));
+  Faults::SimulatePowerCut();
+  EXPECT_EQ("ETRNblock1block2", ReadWholeFile(day));
 }
 
 TEST_F(FaultTest, PowerCutRestoresOverwrittenAndTruncatedBytes) {
-  std::string rewritten = dir_.File("rewritten.db");
-  std::string truncated = dir_.File("truncated.db");
-  std::string recreated = dir_.File("recreated.db");
-  WriteWholeFile(rewritten, "ETRNabcdef");
-  WriteWholeFile(truncated, "ETRNabcdef");
-  WriteWholeFile(recreated, "ETRNabcdef");
+  std::string rewritten = Path("rewritten.db");
+  std::string truncated = Path("truncated.db");
+  std::string recreated = Path("recreated.db");
+  for (const std::string& path : {rewritten, truncated, recreated}) {
+    WriteWholeFile(path, "ETRNabcdef");
+  }
   Faults::EnableCrashTracking(true);
 
   File file;
@@ -205,13 +194,14 @@ TEST_F(FaultTest, PowerCutRestoresOverwrittenAndTruncatedBytes) {
   EXPECT_EQ(3u, Faults::PendingFiles());
 
   Faults::SimulatePowerCut();
-  EXPECT_EQ("ETRNabcdef", ReadWholeFile(rewritten));
-  EXPECT_EQ("ETRNabcdef", ReadWholeFile(truncated));
-  EXPECT_EQ("ETRNabcdef", ReadWholeFile(recreated));
+  for (const std::string& path : {rewritten, truncated, recreated}) {
+    EXPECT_EQ("ETRNabcdef", ReadWholeFile(path)) << path;
+  }
 }
 
+// The index is saved through a temporary file moved over the old one.
 TEST_F(FaultTest, PowerCutKeepsFlushedReplaceAndUndoesUnflushedOne) {
-  std::string name = dir_.File("storage.index.db");
+  std::string name = Path("storage.index.db");
   std::string temp = name + ".temp";
   WriteWholeFile(name, "old");
   Faults::EnableCrashTracking(true);
@@ -222,6 +212,7 @@ TEST_F(FaultTest, PowerCutKeepsFlushedReplaceAndUndoesUnflushedOne) {
   ASSERT_TRUE(file.Flush());
   ASSERT_TRUE(file.Close());
   ASSERT_TRUE(FileSystem::DeleteFile(name));
+  EXPECT_FALSE(FileSystem::Exists(name));
   ASSERT_TRUE(FileSystem::MoveFile(temp, name));
   Faults::SimulatePowerCut();
   EXPECT_EQ("new", ReadWholeFile(name));
@@ -231,30 +222,11 @@ TEST_F(FaultTest, PowerCutKeepsFlushedReplaceAndUndoesUnflushedOne) {
   file = OpenNew("storage.index.db.temp");
   ASSERT_TRUE(file.Write("newer", 5));
   ASSERT_TRUE(file.Close());
-  ASSERT_TRUE(FileSystem::MoveFile(temp, name));
+  ASSERT_TRUE(FileSystem::MoveFile(temp, name));  // onto an existing name
   EXPECT_EQ("newer", ReadWholeFile(name));
   Faults::SimulatePowerCut();
   EXPECT_FALSE(FileSystem::Exists(name));
   EXPECT_FALSE(FileSystem::Exists(temp));
-}
-
-TEST_F(FaultTest, FailedFlushLeavesBytesAtRisk) {
-  Faults::EnableCrashTracking(true);
-  std::string path = dir_.File("day.db");
-  WriteWholeFile(path, "ETRN");
-  Faults::AddRule({"day.db", Faults::Flush, 1, Faults::Eio, 1});
-  File file;
-  ASSERT_TRUE(file.Open(path, File::Mode::ReadWrite));
-  ASSERT_TRUE(file.Append("block", 5));
-  EXPECT_FALSE(file.Flush());
-  Faults::SimulatePowerCut();
-  EXPECT_EQ("ETRN", ReadWholeFile(path));
-
-  // Without tracking nothing is remembered or undone.
-  Faults::EnableCrashTracking(false);
-  ASSERT_TRUE(file.Append("block", 5));
-  Faults::SimulatePowerCut();
-  EXPECT_EQ("ETRNblock", ReadWholeFile(path));
 }
 
 }  // namespace

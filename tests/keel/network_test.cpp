@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -13,35 +11,46 @@ namespace {
 
 namespace Network = Keel::OS::Network;
 using Keel::Utils::String;
+using Bytes = std::vector<uint8_t>;
 
-std::string Format(bool ipv6, std::vector<uint8_t> bytes) {
-  String out("stale");
-  EXPECT_TRUE(Network::FormatAddress(ipv6, bytes.data(), out));
-  return out.str();
-}
-
-TEST(NetworkTest, FormatsIPv4Dotted) {
-  EXPECT_EQ(Format(false, {192, 168, 1, 10}), "192.168.1.10");
-  EXPECT_EQ(Format(false, {0, 0, 0, 0}), "0.0.0.0");
-  EXPECT_EQ(Format(false, {255, 255, 255, 255}), "255.255.255.255");
-}
-
-TEST(NetworkTest, FormatsIPv6InCanonicalCompressedForm) {
-  std::vector<uint8_t> v(16, 0);
-  EXPECT_EQ(Format(true, v), "::");
-  v[15] = 1;
-  EXPECT_EQ(Format(true, v), "::1");
-  v = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  EXPECT_EQ(Format(true, v), "2001:db8::1");
-  // One zero group stays; the longer of two zero runs is the one compressed.
-  v = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1};
-  EXPECT_EQ(Format(true, v), "2001:db8:0:1::1");
-  v = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1};
-  EXPECT_EQ(Format(true, v), "2001:db8:0:1:1:1:1:1");
-  v = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0xAB, 0xCD, 0, 0, 0, 0, 0, 0};
-  EXPECT_EQ(Format(true, v), "fe80::abcd:0:0:0");
-  v = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 10, 0, 0, 1};
-  EXPECT_EQ(Format(true, v), "::ffff:10.0.0.1");
+// Canonical texts, both ways: IPv6 in lower case with the longest zero run
+// (never a single group) compressed, and IPv4-mapped addresses dotted.
+TEST(NetworkTest, FormatsAndParsesCanonicalTexts) {
+  struct Case {
+    bool ipv6;
+    Bytes bytes;
+    const char* text;
+  };
+  const Case cases[] = {
+      {false, {192, 168, 1, 10}, "192.168.1.10"},
+      {false, {0, 0, 0, 0}, "0.0.0.0"},
+      {false, {255, 255, 255, 255}, "255.255.255.255"},
+      {true, Bytes(16, 0), "::"},
+      {true, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, "::1"},
+      {true, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, "2001:db8::1"},
+      {true, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}, "2001:db8:0:1::1"},
+      {true, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1}, "2001:db8:0:1:1:1:1:1"},
+      {true, {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0xAB, 0xCD, 0, 0, 0, 0, 0, 0}, "fe80::abcd:0:0:0"},
+      {true, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 10, 0, 0, 1}, "::ffff:10.0.0.1"},
+  };
+  for (const Case& c : cases) {
+    String out("stale");
+    ASSERT_TRUE(Network::FormatAddress(c.ipv6, c.bytes.data(), out)) << c.text;
+    EXPECT_EQ(out.str(), c.text);
+    bool ipv6 = !c.ipv6;
+    Bytes parsed(16, 0xEE);
+    ASSERT_TRUE(Network::ParseAddress(c.text, ipv6, parsed.data())) << c.text;
+    EXPECT_EQ(ipv6, c.ipv6) << c.text;
+    Bytes expected = c.bytes;
+    expected.resize(16);  // IPv4 leaves the rest zero
+    EXPECT_EQ(parsed, expected) << c.text;
+  }
+  // Upper case is read too.
+  bool ipv6 = false;
+  Bytes parsed(16);
+  ASSERT_TRUE(Network::ParseAddress("2001:DB8::ff00:42:8329", ipv6, parsed.data()));
+  EXPECT_EQ(parsed,
+            (Bytes{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0xff, 0, 0, 0x42, 0x83, 0x29}));
 }
 
 TEST(NetworkTest, FormatFailuresAreLoggedAndKeepTheText) {
@@ -62,22 +71,6 @@ TEST(NetworkTest, FormatFailuresAreLoggedAndKeepTheText) {
   EXPECT_TRUE(Network::FormatAddress(true, widest, bounded));
 }
 
-TEST(NetworkTest, ParsesBothFamilies) {
-  bool ipv6 = true;
-  uint8_t bytes[16];
-  std::fill(std::begin(bytes), std::end(bytes), 0xEE);
-  ASSERT_TRUE(Network::ParseAddress("10.1.2.3", ipv6, bytes));
-  EXPECT_FALSE(ipv6);
-  EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 16),
-            (std::vector<uint8_t>{10, 1, 2, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-
-  ASSERT_TRUE(Network::ParseAddress("2001:DB8::ff00:42:8329", ipv6, bytes));
-  EXPECT_TRUE(ipv6);
-  EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 16),
-            (std::vector<uint8_t>{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0xff, 0, 0, 0x42, 0x83,
-                                  0x29}));
-}
-
 TEST(NetworkTest, ParseRejectsAnythingElseAndWritesNothing) {
   std::string long_text(100, '1');
   std::string with_nul("1.2.3.4\0junk", 12);
@@ -92,18 +85,6 @@ TEST(NetworkTest, ParseRejectsAnythingElseAndWritesNothing) {
     EXPECT_FALSE(Network::ParseAddress(text, ipv6, bytes)) << text;
     EXPECT_TRUE(ipv6);
     EXPECT_EQ(bytes[0], 7);
-  }
-}
-
-TEST(NetworkTest, ParseAndFormatRoundTrip) {
-  for (const char* text : {"0.0.0.0", "172.16.254.1", "::", "::1", "fe80::1:2",
-                           "2001:db8:85a3::8a2e:370:7334", "::ffff:192.0.2.128"}) {
-    bool ipv6;
-    uint8_t bytes[16];
-    ASSERT_TRUE(Network::ParseAddress(text, ipv6, bytes)) << text;
-    String out;
-    ASSERT_TRUE(Network::FormatAddress(ipv6, bytes, out));
-    EXPECT_EQ(out.str(), text);
   }
 }
 

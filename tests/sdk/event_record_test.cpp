@@ -165,59 +165,51 @@ TEST(EventRecord, TextIsCutAtEmbeddedNul) {
   EXPECT_EQ(b.Size(), 24u + 6 + 3 + 4 + 2);  // slots, "ab\0", array, "y\0"
 }
 
-// Overwrites a u16 inside a copy of the full record.
+// Overwrites a u16 inside a copy of a record.
 std::vector<uint8_t> With16(std::vector<uint8_t> record, size_t offset, uint16_t value) {
   std::memcpy(record.data() + offset, &value, 2);
   return record;
+}
+
+EventReader Read(const std::vector<uint8_t>& record) {
+  return EventReader(record.data(), record.size());
 }
 
 TEST(EventRecord, HostileOffsetsAndCountsReadEmpty) {
   const std::vector<uint8_t> good = BuildFullRecord();
   const uint16_t size = static_cast<uint16_t>(good.size());
   Address a;
-
-  auto past_end = With16(good, kText, size);
-  EXPECT_EQ(EventReader(past_end.data(), past_end.size()).Text(kText), "");
-  auto in_header = With16(good, kText, 10);
-  EXPECT_EQ(EventReader(in_header.data(), in_header.size()).Text(kText), "");
+  EXPECT_EQ(Read(With16(good, kText, size)).Text(kText), "");  // past the end
+  EXPECT_EQ(Read(With16(good, kText, 10)).Text(kText), "");    // inside the header
 
   // Cutting the size field by one drops the v6 address's last byte; the
   // rest of the record still reads.
   auto cut_short = With16(good, 10, size - 1);
-  EventReader cut(cut_short.data(), cut_short.size());
-  ASSERT_TRUE(cut.Valid());
-  EXPECT_FALSE(cut.ReadAddress(kAddr6, a));
-  EXPECT_EQ(cut.Texts(kTexts).At(2), "third");
+  ASSERT_TRUE(Read(cut_short).Valid());
+  EXPECT_FALSE(Read(cut_short).ReadAddress(kAddr6, a));
+  EXPECT_EQ(Read(cut_short).Texts(kTexts).At(2), "third");
 
   // A text whose NUL lies beyond the size field is no text.
   DynamicEventBuilder b;
   ASSERT_TRUE(b.Begin(1, 1, 0) && b.AddText("tail") && b.Finish());
   std::vector<uint8_t> tail(b.Data(), b.Data() + b.Size());
-  EXPECT_EQ(EventReader(tail.data(), tail.size()).Text(24), "tail");
-  tail = With16(tail, 10, static_cast<uint16_t>(tail.size() - 1));
-  EXPECT_EQ(EventReader(tail.data(), tail.size()).Text(24), "");
+  EXPECT_EQ(Read(tail).Text(24), "tail");
+  EXPECT_EQ(Read(With16(tail, 10, static_cast<uint16_t>(tail.size() - 1))).Text(24), "");
 
-  auto short_v6 = With16(good, kAddr6, size - 10);
-  EXPECT_FALSE(EventReader(short_v6.data(), short_v6.size()).ReadAddress(kAddr6, a));
+  EXPECT_FALSE(Read(With16(good, kAddr6, size - 10)).ReadAddress(kAddr6, a));
   auto flagged = good;
-  flagged[EventReader(good.data(), good.size()).UInt16(kAddr4)] = 1;  // v4 bytes, v6 flag
-  EventReader grown(flagged.data(), flagged.size());
-  ASSERT_TRUE(grown.ReadAddress(kAddr4, a));  // still inside the record: read
+  flagged[Read(good).UInt16(kAddr4)] = 1;             // v4 bytes, v6 flag
+  ASSERT_TRUE(Read(flagged).ReadAddress(kAddr4, a));  // still inside the record: read
   EXPECT_TRUE(a.ipv6);
 
-  auto many_texts = With16(good, kTexts, 0xFFFF);
-  EXPECT_TRUE(EventReader(many_texts.data(), many_texts.size()).Texts(kTexts).Empty());
-  auto many_numbers = With16(good, kNumbers, 6);  // 48 bytes; 41 are left
-  EXPECT_TRUE(EventReader(many_numbers.data(), many_numbers.size()).Numbers(kNumbers).Empty());
-  auto five = With16(good, kNumbers, 5);  // 40 bytes: fits exactly
-  EXPECT_EQ(EventReader(five.data(), five.size()).Numbers(kNumbers).Count(), 5u);
-  auto no_array = With16(good, kNumbers + 2, 0);
-  EXPECT_TRUE(EventReader(no_array.data(), no_array.size()).Numbers(kNumbers).Empty());
+  EXPECT_TRUE(Read(With16(good, kTexts, 0xFFFF)).Texts(kTexts).Empty());
+  EXPECT_TRUE(Read(With16(good, kNumbers, 6)).Numbers(kNumbers).Empty());    // 48 bytes; 41 left
+  EXPECT_EQ(Read(With16(good, kNumbers, 5)).Numbers(kNumbers).Count(), 5u);  // fits exactly
+  EXPECT_TRUE(Read(With16(good, kNumbers + 2, 0)).Numbers(kNumbers).Empty());
 
   // One bad item offset spoils that item only.
-  size_t array = EventReader(good.data(), good.size()).UInt16(kTexts + 2);
-  auto bad_item = With16(good, array, 0xFFF0);
-  auto items = EventReader(bad_item.data(), bad_item.size()).Texts(kTexts);
+  auto bad_item = With16(good, Read(good).UInt16(kTexts + 2), 0xFFF0);
+  auto items = Read(bad_item).Texts(kTexts);
   ASSERT_EQ(items.Count(), 3u);
   EXPECT_EQ(items.At(0), "");
   EXPECT_EQ(items.At(2), "third");
@@ -226,7 +218,7 @@ TEST(EventRecord, HostileOffsetsAndCountsReadEmpty) {
   // makes the whole record empty.
   for (uint16_t lie : {uint16_t(size + 1), uint16_t(23), uint16_t(0)}) {
     auto lying = With16(good, 10, lie);
-    EventReader r(lying.data(), lying.size());
+    EventReader r = Read(lying);
     EXPECT_FALSE(r.Valid());
     EXPECT_EQ(r.UInt32(kU32), 0u);
     EXPECT_EQ(r.Text(kText), "");
@@ -242,25 +234,22 @@ volatile uint64_t g_sink;
 class GuardedRecord {
  public:
   GuardedRecord() {
-    page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    size_t length = 2 * ((65536 + page_ - 1) / page_) * page_;
-    length_ = length;
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    length_ = 2 * ((65536 + page - 1) / page) * page;
     base_ = static_cast<uint8_t*>(
-        mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    end_ = base_ + length / 2;
-    mprotect(end_, length / 2, PROT_NONE);
+        mmap(nullptr, length_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(base_ + length_ / 2, length_ / 2, PROT_NONE);
   }
   ~GuardedRecord() { munmap(base_, length_); }
   uint8_t* Place(const std::vector<uint8_t>& bytes) {
-    uint8_t* at = end_ - bytes.size();
+    uint8_t* at = base_ + length_ / 2 - bytes.size();
     std::memcpy(at, bytes.data(), bytes.size());
     return at;
   }
 
  private:
-  size_t page_ = 0, length_ = 0;
+  size_t length_ = 0;
   uint8_t* base_ = nullptr;
-  uint8_t* end_ = nullptr;
 };
 
 TEST(EventRecord, MutatedRecordsNeverReadOutside) {

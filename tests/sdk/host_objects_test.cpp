@@ -27,26 +27,16 @@ TEST(MapConfigReader, MissingOrMistypedKeyLeavesTheDefault) {
   uint64_t u64 = 8;
   bool flag = false;
   Keel::Utils::String text("default");
-  EXPECT_FALSE(config.GetUInt32(99, u32));
-  EXPECT_FALSE(config.GetUInt64(99, u64));
-  EXPECT_FALSE(config.GetBool(99, flag, 0, 0));
-  EXPECT_FALSE(config.GetString(99, text));
+  EXPECT_FALSE(config.GetUInt32(99, u32) || config.GetUInt64(99, u64) ||
+               config.GetBool(99, flag, 0, 0) || config.GetString(99, text));
   EXPECT_FALSE(config.GetUInt32(2, u32));  // stored as 64-bit
   EXPECT_FALSE(config.GetUInt64(1, u64));  // stored as 32-bit
   EXPECT_FALSE(config.GetBool(1, flag, 0, 0));
-  EXPECT_EQ(u32, 7u);
-  EXPECT_EQ(u64, 8u);
-  EXPECT_FALSE(flag);
-  EXPECT_EQ(text, "default");
+  EXPECT_TRUE(u32 == 7 && u64 == 8 && !flag && text == "default");
 
-  EXPECT_TRUE(config.GetUInt32(1, u32));
-  EXPECT_TRUE(config.GetUInt64(2, u64));
-  EXPECT_TRUE(config.GetBool(3, flag, 0, 0));
-  EXPECT_TRUE(config.GetString(4, text));
-  EXPECT_EQ(u32, 60u);
-  EXPECT_EQ(u64, 209715200ull);
-  EXPECT_TRUE(flag);
-  EXPECT_EQ(text, "/var/lib/tarn");
+  EXPECT_TRUE(config.GetUInt32(1, u32) && config.GetUInt64(2, u64) &&
+              config.GetBool(3, flag, 0, 0) && config.GetString(4, text));
+  EXPECT_TRUE(u32 == 60 && u64 == 209715200ull && flag && text == "/var/lib/tarn");
 
   config.SetUInt32(1, 61);  // replaces
   config.Remove(3);
