@@ -3,6 +3,7 @@
 #include <new>
 
 #include "Keel/Log.h"
+#include "Keel/OS/Path.h"
 
 namespace Tarn::Storage {
 namespace {
@@ -143,10 +144,16 @@ uint64_t EventStorageProvider::GetIterVal(const DateTime& time, SearchStrategy s
 }
 
 bool EventStorageProvider::__dump_proto_stats(const char* path) {
-  // The per-table statistics need the query side's row builders, which this
-  // library does not link yet.
-  Log(kProtoStatsUnavailable, path != nullptr);
-  return false;
+  // The statistics need the query side's row builders, which this library
+  // does not link: the module installs them.
+  if (proto_stats_dump_ == nullptr) {
+    Log(kProtoStatsUnavailable, path != nullptr);
+    return false;
+  }
+  std::string target = path != nullptr
+                           ? std::string(path)
+                           : Keel::OS::Path::Join(manager_.Directory(), kProtoStatsDumpName);
+  return proto_stats_dump_(*this, target);
 }
 
 }  // namespace Tarn::Storage

@@ -11,13 +11,29 @@
 #include "manager/BlockCache.h"
 #include "manager/DecodedBlock.h"
 #include "manager/RawIterator.h"
+#include "manager/Settings.h"
 #include "manager/StorageManager.h"
 #include "manager/StorageTelemetry.h"
 #include "manager/TimeIndex.h"
 
+namespace hx::MessageBus {
+class Msg;
+}
+namespace Tarn::Events {
+class ExternalData;
+}
+namespace Tarn::Events::Objects {
+class StorageQuery;
+}
+
 namespace Tarn::Storage {
 
 class Index;
+
+namespace OSQuery {
+struct Query;
+struct ResponseBuilder;
+}  // namespace OSQuery
 
 // A span of stored time, in seconds since the Unix epoch, both ends included.
 struct DateTimeInterval {
@@ -49,6 +65,11 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   static constexpr int64_t kWidestWindowStart = 946'684'800;
   static constexpr int64_t kWidestWindowEnd = 3'471'292'800;
   static constexpr const char* kIndexDumpName = "index.json";
+  static constexpr const char* kProtoStatsDumpName = "proto_stats.json";
+
+  // Writes the per-table statistics of the stored events to `path`. The
+  // query side (osquery/) provides it: this library builds no rows.
+  using ProtoStatsDump = bool (*)(EventStorageProvider& provider, const std::string& path);
 
   // Keeps both references; does no I/O. Use nothing before Create.
   EventStorageProvider(StorageManager& manager, Telemetry::StorageTelemetry& telemetry);
@@ -60,6 +81,29 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   // either cannot be had.
   bool Create();
   bool IsCreated() const { return mutex_ != nullptr; }
+
+  // Installs what __dump_proto_stats runs; until then it answers false.
+  void SetProtoStatsDump(ProtoStatsDump dump) { proto_stats_dump_ = dump; }
+
+  // ---- Queries (defined in osquery/, which the module links) -------------
+
+  // A table query: answered on the mock bus when it is local, otherwise on
+  // the message `data` carries (none: logged, false). Takes the settings
+  // snapshot for this one query. A QueryException does not leave: the
+  // answer is then status 5 with no rows, and the result false.
+  bool HandleQuery(OSQuery::Query&& query, Events::ExternalData* data);
+  // The single-event request: copies the event it names into the request's
+  // destination when it fits.
+  bool HandleQuery(Events::Objects::StorageQuery* query, Events::ExternalData* data);
+  // Builds the answer in a response buffer of `settings.size_limit` bytes
+  // and sends it on `msg` as "events" (and "token" when partial). False at
+  // once, with nothing sent, for the table that another module answers.
+  // Throws QueryException for an unknown table or unparsable constraints.
+  bool HandleOSQuery(OSQuery::Query&& query, hx::MessageBus::Msg& msg,
+                     const OSQuerySettings& settings);
+  // The scan: fills `response` with rows and sets its status and token.
+  bool HandleOSQuery(OSQuery::Query&& query, const OSQuerySettings& settings,
+                     OSQuery::ResponseBuilder& response);
 
   // ---- IEventStorage, in slot order ------------------------------------
 
@@ -164,6 +208,7 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   BlockCache cache_;
   StorageManager& manager_;
   Telemetry::StorageTelemetry& telemetry_;
+  ProtoStatsDump proto_stats_dump_ = nullptr;
 };
 
 }  // namespace Tarn::Storage

@@ -9,10 +9,14 @@
 #include "Keel/Utils/String.h"
 #include "Tarn/Comm/IReport.h"
 #include "Tarn/Events/Base.h"
+#include "Tarn/Events/StorageQuery.h"
 #include "Tarn/Module/ConfigReader.h"
 #include "Tarn/Module/HostServices.h"
 #include "Tarn/Module/ModuleAllocator.h"
 #include "module/ConfigKeys.h"
+#include "osquery/ProtoStats.h"
+#include "osquery/Query.h"
+#include "osquery/QueryException.h"
 
 namespace Tarn::Module {
 namespace {
@@ -30,6 +34,8 @@ enum Message : uint32_t {
   kUnexpectedException = 10,
   kNullEvent = 11,
   kProviderCreateFailed = 12,
+  kBadQueryRecord = 13,
+  kQueryFailed = 14,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0) {
@@ -121,22 +127,20 @@ bool Storage::Initialize(HostServices* host, ConfigReader* config) {
       Log(Keel::Log::Error, kProviderCreateFailed);
       return false;
     }
+    provider_.SetProtoStatsDump(&Tarn::Storage::OSQuery::DumpProtoStats);
     return true;
   });
 }
 
-bool Storage::HandleEvent(Events::Objects::Base* event, Events::ExternalData*) {
+bool Storage::HandleEvent(Events::Objects::Base* event, Events::ExternalData* data) {
   return Guarded(false, [&] {
     if (event == nullptr) {
       Log(Keel::Log::Error, kNullEvent);
       return false;
     }
     const uint32_t type = event->TypeId();
-    if (type == kStorageQueryType || type == kQueryRecordType) {
-      // Queries are never stored; they are answered once the reader exists.
-      Log(Keel::Log::Warning, kQueryNotServed, type);
-      return false;
-    }
+    // Queries are answered even while intake is disabled, and never stored.
+    if (type == kStorageQueryType || type == kQueryRecordType) return HandleQuery(*event, data);
     if (intake_disabled_ != 0) {
       Log(Keel::Log::Warning, kIntakeDisabled, type);
       return false;
@@ -148,6 +152,29 @@ bool Storage::HandleEvent(Events::Objects::Base* event, Events::ExternalData*) {
     }
     return true;
   });
+}
+
+bool Storage::HandleQuery(Events::Objects::Base& event, Events::ExternalData* data) {
+  if (!provider_.IsCreated()) {
+    Log(Keel::Log::Warning, kQueryNotServed, event.TypeId());
+    return false;
+  }
+  if (event.TypeId() == kStorageQueryType) {
+    // A type-186 event is always the request object itself.
+    return provider_.HandleQuery(static_cast<Events::Objects::StorageQuery*>(&event), data);
+  }
+  Tarn::Storage::OSQuery::Query query;
+  if (!Tarn::Storage::OSQuery::Query::FromRecord(event, query)) {
+    Log(Keel::Log::Warning, kBadQueryRecord, event.Size());
+    return false;
+  }
+  try {
+    return provider_.HandleQuery(std::move(query), data);
+  } catch (const Tarn::Storage::OSQuery::QueryException&) {
+    // The provider answers these itself; this is the last line.
+    Log(Keel::Log::Error, kQueryFailed);
+    return false;
+  }
 }
 
 bool Storage::Send(Events::Objects::Base* event) { return HandleEvent(event, nullptr); }

@@ -54,6 +54,8 @@ class Storage final : public Interface, public Comm::Interface::IStorageSender {
   // Reads the configuration into a settings record and the intake switch.
   static Tarn::Storage::Settings ReadSettings(ConfigReader* config, uint32_t& intake_disabled);
   static void ReadQueryLimits(ConfigReader* config, Tarn::Storage::Settings& settings);
+  // Types 186 and 221: answered by the reader.
+  bool HandleQuery(Events::Objects::Base& event, Events::ExternalData* data);
 
   uint32_t intake_disabled_ = 0;
   HostServices* host_ = nullptr;

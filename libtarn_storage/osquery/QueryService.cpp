@@ -1,0 +1,118 @@
+// The provider's table queries: intake (bus, settings snapshot), the answer
+// around the scan, and what decides where the scan runs (table, columns,
+// constraints, page limit, time range, continuation token).
+
+#include <string_view>
+
+#include "Keel/Log.h"
+#include "Tarn/Events/ExternalData.h"
+#include "manager/EventStorageProvider.h"
+#include "osquery/Columns.h"
+#include "osquery/ConstraintsList.h"
+#include "osquery/MsgBusMock.h"
+#include "osquery/Query.h"
+#include "osquery/QueryException.h"
+#include "osquery/QueryScan.h"
+#include "osquery/ResponseBuilder.h"
+#include "osquery/Tables.h"
+#include "osquery/TimeRange.h"
+
+namespace Tarn::Storage {
+
+namespace {
+
+using OSQuery::ResponseBuilder;
+
+enum Message : uint32_t {
+  kNoMessage = 120,          // a = table length
+  kQueryRefused = 121,       // a = table length
+  kAnswerNotSent = 122,      // a = status
+  kAnsweredElsewhere = 123,
+};
+
+constexpr std::string_view kAnsweredByAnotherModule = "edr_netdb";
+
+// An answer that says only how the query failed, for when the builder is
+// gone (the query threw before or while scanning).
+void SendFailure(hx::MessageBus::Msg& msg, uint8_t status) {
+  ResponseBuilder response(msg);
+  OSQuerySettings settings;
+  settings.size_limit = OSQuery::ResponseLayout::kHeaderSize;
+  if (!response.Start(settings)) return;
+  response.status = status;
+  response.Finish();
+}
+
+}  // namespace
+
+bool EventStorageProvider::HandleQuery(OSQuery::Query&& query, Events::ExternalData* data) {
+  OSQuery::MsgBusMock local_bus;
+  hx::MessageBus::Msg* msg = &local_bus;
+  if (!query.local) {
+    msg = data != nullptr ? data->Message() : nullptr;
+    if (msg == nullptr) {
+      KEEL_LOG(Keel::Log::Error, Keel::Log::StorageQuery, kNoMessage, query.table.size(), 0, 0);
+      return false;
+    }
+  }
+  const OSQuerySettings settings = manager_.GetSettings().osquery;
+  const size_t table_length = query.table.size();
+  try {
+    return HandleOSQuery(std::move(query), *msg, settings);
+  } catch (const OSQuery::QueryException&) {
+    KEEL_LOG(Keel::Log::Warning, Keel::Log::StorageQuery, kQueryRefused, table_length, 0, 0);
+    SendFailure(*msg, OSQuery::kStatusInternal);
+    return false;
+  }
+}
+
+bool EventStorageProvider::HandleOSQuery(OSQuery::Query&& query, hx::MessageBus::Msg& msg,
+                                         const OSQuerySettings& settings) {
+  ResponseBuilder response(msg);
+  if (!response.Start(settings)) throw OSQuery::QueryException(OSQuery::QueryException::kNoBuffer);
+  if (query.table == kAnsweredByAnotherModule) {
+    KEEL_LOG(Keel::Log::Debug, Keel::Log::StorageQuery, kAnsweredElsewhere, 0, 0, 0);
+    return false;
+  }
+  const bool result = HandleOSQuery(std::move(query), settings, response);
+  if (!response.Finish()) {
+    KEEL_LOG(Keel::Log::Error, Keel::Log::StorageQuery, kAnswerNotSent, response.status, 0, 0);
+  }
+  return result;
+}
+
+bool EventStorageProvider::HandleOSQuery(OSQuery::Query&& query, const OSQuerySettings& settings,
+                                         ResponseBuilder& response) {
+  const uint32_t type_id = OSQuery::TableIdByName(query.table);
+  if (type_id == 0) throw OSQuery::QueryException(OSQuery::QueryException::kUnknownTable);
+  const OSQuery::ColumnSelection columns = OSQuery::SplitColumns(query.columns);
+  OSQuery::ConstraintsList constraints;
+  if (!constraints.Parse(query.constraints)) {
+    throw OSQuery::QueryException(OSQuery::QueryException::kBadConstraints);
+  }
+  if (uint32_t{query.page} + 1 >= settings.aux_limit) {
+    response.status = OSQuery::kStatusPageLimit;
+    return false;
+  }
+  OSQuery::TimeRange range;
+  OSQuery::ScanBounds bounds;
+  uint8_t located = OSQuery::NarrowTimeRange(constraints, range);
+  if (located == OSQuery::kStatusComplete) located = OSQuery::LocateTimeRange(*this, range, bounds);
+  if (located != OSQuery::kStatusComplete) {
+    response.status = located;
+    return false;
+  }
+  OSQuery::ScanRequest request{type_id, &columns, &constraints, bounds.start, bounds.end};
+  if (query.HasToken()) {
+    if (Compare(query.token, bounds.start) <= 0) {
+      response.status = OSQuery::kStatusTokenNotAfter;
+      return false;
+    }
+    request.start = query.token;
+  }
+  // A token this answer hands out names the page after the query's.
+  response.page = static_cast<uint16_t>(query.page + 1);
+  return OSQuery::ScanPositions(*this, settings, request, response);
+}
+
+}  // namespace Tarn::Storage

@@ -1,0 +1,387 @@
+// The scan against a real store: answers equal a brute-force answer over
+// the rows fed in, pages cover every row once, and the row limit, tokens,
+// foreign record versions and failing rows end it as they must.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "osquery/QueryScan.h"
+#include "osquery/ResponseBuffer.h"
+#include "query_store.h"
+
+namespace Tarn::Storage::OSQuery {
+namespace {
+
+using tarn::test::Filter;
+using tarn::test::QueryLimits;
+using tarn::test::Reply;
+using tarn::test::RowPtr;
+
+const char* const kTables[] = {"edr_process_create", "edr_email_sent", "edr_enter_idle_mode",
+                               "edr_external_notification_on_file"};
+
+// Three stored days with a day missing between the last two, each cut into
+// several blocks, rows of four tables interleaved.
+class QueryScanTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    store_ = new tarn::test::QueryStore();
+    ASSERT_TRUE(store_->Open());
+    tarn::test::RowMaker maker(7);
+    for (uint16_t day : {9000, 9001, 9003}) {
+      uint32_t second = 3600;
+      for (uint32_t i = 0; i < 160; ++i) {
+        second += maker.random()() % 4 == 0 ? 0 : 1 + maker.random()() % 400;
+        ASSERT_TRUE(store_->FeedNew(maker, kTables[maker.random()() % 4], day, second,
+                                    maker.random()() % 1000));
+        if (i % 45 == 44) {
+          ASSERT_TRUE(store_->Cut());
+        }
+      }
+      ASSERT_TRUE(store_->Cut());
+    }
+  }
+  static void TearDownTestSuite() {
+    delete store_;
+    store_ = nullptr;
+  }
+
+  // Returns how many rows the answer should have had.
+  static size_t ExpectBruteForce(const std::string& table, const std::string& columns,
+                                 const std::vector<Filter>& filters) {
+    std::string what = table + " [" + columns + "] " + tarn::test::ConstraintsJson(filters);
+    Reply reply;
+    try {
+      reply = store_->Ask(tarn::test::MakeQuery(table, columns, filters));
+    } catch (const std::exception& e) {
+      ADD_FAILURE() << e.what() << " " << what;
+      return 0;
+    }
+    EXPECT_TRUE(reply.answer.well_formed) << what;
+    EXPECT_EQ(reply.answer.format, 1u);
+    EXPECT_EQ(reply.answer.status, 0u) << what;
+    EXPECT_FALSE(reply.has_token);
+    auto expected = tarn::test::BruteForce(store_->fed(), table, columns, filters);
+    EXPECT_EQ(tarn::test::CompareRows(tarn::test::DecodeRows(reply.answer.rows, table), expected),
+              "")
+        << what;
+    return expected.size();
+  }
+
+  static tarn::test::QueryStore* store_;
+};
+
+tarn::test::QueryStore* QueryScanTest::store_ = nullptr;
+
+// A value some fed row of the table has in `column`, as text.
+std::string SomeValue(std::mt19937& random, const std::string& table, const std::string& column,
+                      const std::vector<tarn::test::FedRow>& fed) {
+  for (int tries = 0; tries < 50; ++tries) {
+    const auto& f = fed[random() % fed.size()];
+    if (f.table != table) continue;
+    const auto* field = f.row->GetDescriptor()->FindFieldByName(column);
+    const auto* reflection = f.row->GetReflection();
+    switch (field->cpp_type()) {
+      case google::protobuf::FieldDescriptor::CPPTYPE_UINT32:
+        return std::to_string(reflection->GetUInt32(*f.row, field));
+      case google::protobuf::FieldDescriptor::CPPTYPE_UINT64:
+        return std::to_string(reflection->GetUInt64(*f.row, field));
+      default:
+        return reflection->GetString(*f.row, field);
+    }
+  }
+  return "0";
+}
+
+Filter RandomFilter(std::mt19937& random, const std::string& table,
+                    const std::vector<tarn::test::FedRow>& fed) {
+  static const uint32_t kOps[] = {1, 2, 4, 8, 16, 32, 64, 65, 66, 67};
+  static const char* kPatterns[] = {"%ssh%", "/usr/bin/ss_", "%A%B", "ALPHA", "%", "_%_", "eth0%"};
+  const TableInfo* info = FindTable(TableIdByName(table));
+  const ColumnInfo& column = info->columns[1 + random() % (info->column_count - 1)];
+  Filter f{column.name, kOps[random() % 10], SomeValue(random, table, column.name, fed), "text"};
+  if (column.kind == ColumnKind::kUInt32 || column.kind == ColumnKind::kUInt64) {
+    static const char* kNumeric[] = {"integer", "bigint", "unsigned bigint", "double"};
+    f.affinity = kNumeric[random() % 4];
+    if (f.affinity == "integer" && std::stoull(f.expr) > 2147483647u) f.affinity = "bigint";
+    if (f.affinity == "bigint" && std::stoull(f.expr) > 9223372036854775807u) {
+      f.affinity = "unsigned bigint";
+    }
+  } else {
+    if (f.op == 64 || f.op == 65) f.expr = kPatterns[random() % 7];
+    if (random() % 8 == 0) f.affinity = random() % 2 ? "blob" : "TEXT";
+  }
+  return f;
+}
+
+std::vector<Filter> RandomTimeFilters(std::mt19937& random,
+                                      const std::vector<tarn::test::FedRow>& fed) {
+  auto near = [&] {
+    const auto& f = fed[random() % fed.size()];
+    return std::to_string(f.second * 1000 + random() % 4000 - 2000);
+  };
+  std::vector<Filter> filters;
+  switch (random() % 4) {
+    case 0:
+      break;
+    case 1:
+      filters.push_back({"date_time", 2, near(), "bigint"});
+      break;
+    default:
+      for (uint32_t n = 1 + random() % 2; n > 0; --n) {
+        static const uint32_t kBounds[] = {4, 8, 16, 32};
+        filters.push_back({"date_time", kBounds[random() % 4], near(), "bigint"});
+      }
+  }
+  return filters;
+}
+
+TEST_F(QueryScanTest, RandomQueriesEqualTheBruteForceAnswer) {
+  std::mt19937 random(11);
+  int answered = 0;
+  for (int i = 0; i < 300; ++i) {
+    const std::string table = kTables[random() % 4];
+    std::vector<Filter> filters = RandomTimeFilters(random, store_->fed());
+    for (uint32_t n = random() % 3; n > 0; --n) {
+      Filter f = RandomFilter(random, table, store_->fed());
+      // One affinity per column: a second filter on a column is left out.
+      bool fresh = std::none_of(filters.begin(), filters.end(),
+                                [&](const Filter& g) { return g.column == f.column; });
+      if (fresh) filters.push_back(f);
+    }
+    std::string columns;
+    if (random() % 2 == 0) {
+      const TableInfo* info = FindTable(TableIdByName(table));
+      for (uint32_t n = 1 + random() % 3; n > 0; --n) {
+        if (!columns.empty()) columns += ",";
+        columns += random() % 5 == 0 ? "no_such_column" : info->columns[random() %
+                                                                       info->column_count].name;
+      }
+    }
+    if (ExpectBruteForce(table, columns, filters) != 0) ++answered;
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(answered, 150);  // the filters select subsets, not nothing
+  // A table nothing was stored for answers with no rows.
+  ExpectBruteForce("edr_file_create", "", {});
+}
+
+TEST_F(QueryScanTest, PagesFollowTokensOverEveryRowOnceInOrder) {
+  const std::string table = "edr_process_create";
+  const std::vector<Filter> filters = {
+      {"date_time", 32, std::to_string(store_->fed()[20].second * 1000), "bigint"}};
+  std::vector<RowPtr> got;
+  Query query = tarn::test::MakeQuery(table, "", filters);
+  uint16_t pages = 0;
+  while (true) {
+    Reply reply = store_->Ask(query, QueryLimits(700));
+    ASSERT_TRUE(reply.answer.well_formed);
+    for (RowPtr& row : tarn::test::DecodeRows(reply.answer.rows, table)) got.push_back(row);
+    ++pages;
+    if (reply.answer.status == 0) {
+      EXPECT_FALSE(reply.has_token);
+      break;
+    }
+    ASSERT_EQ(reply.answer.status, 8u);
+    ASSERT_TRUE(reply.result);
+    ASSERT_TRUE(reply.has_token);
+    ASSERT_GT(reply.answer.row_count, 0u);
+    EXPECT_EQ(reply.token.magic, 0x00014B54u);
+    EXPECT_EQ(reply.token.page, query.page + 1);
+    EXPECT_EQ(reply.token.pad, 0u);
+    EXPECT_EQ(reply.token.trailer, 0u);
+    query.token = reply.token.position;
+    query.page = reply.token.page;
+  }
+  EXPECT_GT(pages, 5u);
+  EXPECT_EQ(tarn::test::CompareRows(got, tarn::test::BruteForce(store_->fed(), table, "", filters)),
+            "");
+
+  // The same walk under a page limit of 3 stops at the third page.
+  Query limited = tarn::test::MakeQuery(table, "", filters);
+  for (uint16_t page = 0; page < 2; ++page) {
+    Reply reply = store_->Ask(limited, QueryLimits(700, 100'000, 3));
+    ASSERT_EQ(reply.answer.status, 8u);
+    limited.token = reply.token.position;
+    limited.page = reply.token.page;
+  }
+  Reply last = store_->Ask(limited, QueryLimits(700, 100'000, 3));
+  EXPECT_FALSE(last.result);
+  EXPECT_EQ(last.answer.status, 2u);
+  EXPECT_EQ(last.answer.row_count, 0u);
+}
+
+TEST_F(QueryScanTest, EarlierTokensAndTokensOutsideTheStoreAreRefused) {
+  const std::string table = "edr_enter_idle_mode";
+  EventStorageProvider& reader = store_->provider();
+  const uint64_t first = reader.GetFirstIterVal();
+  uint64_t second = first;
+  ASSERT_TRUE(reader.Increment(second));
+
+  Query at_start = tarn::test::MakeQuery(table);
+  at_start.token = first;
+  Reply reply = store_->Ask(at_start);
+  EXPECT_FALSE(reply.result);
+  EXPECT_EQ(reply.answer.status, 9u);
+  EXPECT_EQ(reply.answer.row_count, 0u);
+
+  // The range starts after the token: still not after the start.
+  const std::vector<Filter> later = {
+      {"date_time", 32, std::to_string(store_->fed()[60].second * 1000), "bigint"}};
+  Query before = tarn::test::MakeQuery(table, "", later);
+  before.token = second;
+  EXPECT_EQ(store_->Ask(before).answer.status, 9u);
+
+  // After the start, but no such block: the store cannot be read there.
+  Query nowhere = tarn::test::MakeQuery(table);
+  nowhere.token = RawIterator(9001, 200, 0);
+  reply = store_->Ask(nowhere);
+  EXPECT_FALSE(reply.result);
+  EXPECT_EQ(reply.answer.status, 5u);
+  EXPECT_EQ(reply.answer.row_count, 0u);
+
+  // One past the start resumes right there.
+  Query resumed = tarn::test::MakeQuery(table);
+  resumed.token = second;
+  reply = store_->Ask(resumed);
+  EXPECT_EQ(reply.answer.status, 0u);
+  auto all = tarn::test::BruteForce(store_->fed(), table, "", {});
+  if (store_->fed()[0].table == table) all.erase(all.begin());
+  EXPECT_EQ(tarn::test::CompareRows(tarn::test::DecodeRows(reply.answer.rows, table), all), "");
+}
+
+TEST_F(QueryScanTest, AFailingRowFailsTheAnswerWithStatusThree) {
+  // No stored event makes AddRow fail short of memory, so the row step is
+  // replaced: the third row fails.
+  static int calls;
+  calls = 0;
+  RowAdder failing = [](const Events::Objects::Base& event, ResponseBuilder& response,
+                        const ColumnSelection& columns, const OSQuerySettings& settings,
+                        Keel::Collections::Buffer& scratch) {
+    return ++calls == 3 ? kRowFailed : AddRow(event, response, columns, settings, scratch);
+  };
+  ConstraintsList none;
+  ColumnSelection all = SplitColumns("");
+  ScanRequest request{TableIdByName("edr_process_create"), &all, &none,
+                      store_->provider().GetFirstIterVal(), store_->provider().GetLastIterVal()};
+  hx::MessageBus::Msg msg;
+  ResponseBuilder response(msg);
+  ASSERT_TRUE(response.Start(QueryLimits()));
+  EXPECT_FALSE(ScanPositions(store_->provider(), QueryLimits(), request, response, failing));
+  EXPECT_EQ(response.status, kStatusRowFailed);
+  EXPECT_EQ(response.rows, 2u);
+  EXPECT_TRUE(response.Finish());
+  tarn::test::Answer answer = tarn::test::ParseAnswer(*msg.GetField("events"));
+  EXPECT_EQ(answer.status, 3u);
+  EXPECT_EQ(answer.row_count, 0u);
+  EXPECT_TRUE(answer.rows.empty());
+}
+
+// A store small enough to count positions: five idle rows at seconds 10-14
+// of day 9000, then three process rows at 15-17.
+class QueryLimitTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(store_.Open());
+    tarn::test::RowMaker maker(3);
+    for (uint32_t s = 10; s < 15; ++s) {
+      ASSERT_TRUE(store_.FeedNew(maker, "edr_enter_idle_mode", 9000, s));
+    }
+    for (uint32_t s = 15; s < 18; ++s) {
+      ASSERT_TRUE(store_.FeedNew(maker, "edr_process_create", 9000, s));
+    }
+    ASSERT_TRUE(store_.Cut());
+  }
+
+  Reply AskIdle(uint32_t row_limit, std::vector<Filter> filters = {}) {
+    return store_.Ask(tarn::test::MakeQuery("edr_enter_idle_mode", "duration", filters),
+                      QueryLimits(1'000'000, row_limit));
+  }
+
+  tarn::test::QueryStore store_;
+};
+
+TEST_F(QueryLimitTest, TheRowLimitCountsBeforeEveryPosition) {
+  const std::vector<Filter> to_14 = {
+      {"date_time", 16, std::to_string(tarn::test::EpochOf(9000, 15) * 1000), "bigint"}};
+  // Five rows fill a limit of five; positions of other tables are left.
+  Reply cut = AskIdle(5);
+  EXPECT_FALSE(cut.result);
+  EXPECT_EQ(cut.answer.status, 1u);
+  EXPECT_EQ(cut.answer.row_count, 0u);
+  // Ending the range at the fifth row leaves no position: complete.
+  Reply exact = AskIdle(5, to_14);
+  EXPECT_TRUE(exact.result);
+  EXPECT_EQ(exact.answer.status, 0u);
+  EXPECT_EQ(exact.answer.row_count, 5u);
+  EXPECT_EQ(AskIdle(4, to_14).answer.status, 1u);
+  Reply roomy = AskIdle(6);
+  EXPECT_EQ(roomy.answer.status, 0u);
+  EXPECT_EQ(roomy.answer.row_count, 5u);
+  EXPECT_EQ(tarn::test::CompareRows(
+                tarn::test::DecodeRows(roomy.answer.rows, "edr_enter_idle_mode"),
+                tarn::test::BruteForce(store_.fed(), "edr_enter_idle_mode", "duration", {})),
+            "");
+}
+
+TEST_F(QueryLimitTest, EveryEventOfTheRangesLastSecondIsAnswered) {
+  // Second 30 inside one block; second 40 split over two blocks and also
+  // the last second stored.
+  tarn::test::RowMaker maker(9);
+  auto feed = [&](uint32_t second, std::initializer_list<uint32_t> ms) {
+    for (uint32_t m : ms) {
+      ASSERT_TRUE(store_.FeedNew(maker, "edr_enter_idle_mode", 9000, second, m));
+    }
+  };
+  feed(30, {0, 100, 200});
+  feed(31, {0});
+  feed(40, {0, 1});
+  ASSERT_TRUE(store_.Cut());
+  feed(40, {2, 3});
+  ASSERT_TRUE(store_.Cut());
+  auto count = [&](uint32_t from, uint32_t op, uint32_t to) {
+    const std::vector<Filter> filters = {
+        {"date_time", 32, std::to_string(tarn::test::EpochOf(9000, from) * 1000), "bigint"},
+        {"date_time", op, std::to_string(tarn::test::EpochOf(9000, to) * 1000), "bigint"}};
+    Reply reply = AskIdle(100, filters);
+    EXPECT_EQ(reply.answer.status, 0u);
+    return reply.answer.row_count;
+  };
+  for (uint32_t op : {8, 16}) {  // both end one second before the value
+    EXPECT_EQ(count(30, op, 31), 3u) << op;
+    EXPECT_EQ(count(30, op, 32), 4u) << op;
+    EXPECT_EQ(count(31, op, 41), 5u) << op;
+  }
+  // Split over two blocks with more events after it.
+  feed(41, {0});
+  ASSERT_TRUE(store_.Cut());
+  EXPECT_EQ(count(40, 16, 41), 4u);
+}
+
+TEST_F(QueryLimitTest, RecordsOfAnotherVersionArePassedOver) {
+  tarn::test::RowMaker maker(5);
+  RowPtr foreign = maker.Make("edr_enter_idle_mode", tarn::test::EpochOf(9000, 20) * 1000);
+  ASSERT_TRUE(store_.Feed("edr_enter_idle_mode", foreign, 9));
+  ASSERT_TRUE(store_.FeedNew(maker, "edr_enter_idle_mode", 9000, 21));
+  ASSERT_TRUE(store_.Cut());
+  Reply reply = AskIdle(100);
+  ASSERT_EQ(reply.answer.status, 0u);
+  auto rows = tarn::test::DecodeRows(reply.answer.rows, "edr_enter_idle_mode");
+  auto expected = tarn::test::BruteForce(store_.fed(), "edr_enter_idle_mode", "duration", {});
+  expected.erase(expected.begin() + 5);  // the version-9 record
+  EXPECT_EQ(tarn::test::CompareRows(rows, expected), "");
+}
+
+TEST_F(QueryLimitTest, ABufferTooSmallForOneRowIsPartialWithNoRows) {
+  Reply reply = store_.Ask(tarn::test::MakeQuery("edr_enter_idle_mode"), QueryLimits(12));
+  EXPECT_TRUE(reply.result);
+  EXPECT_EQ(reply.answer.status, 8u);
+  EXPECT_EQ(reply.answer.row_count, 0u);
+  ASSERT_TRUE(reply.has_token);
+  EXPECT_EQ(reply.token.position, store_.provider().GetFirstIterVal());
+  EXPECT_EQ(reply.token.page, 1u);
+}
+
+}  // namespace
+}  // namespace Tarn::Storage::OSQuery
