@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "tarn/ModuleHost.h"
+#include "tarn/QueryClient.h"
+#include "tarn/SqlTables.h"
+
+struct sqlite3;
+
+namespace Tarn::Tool {
+
+class ResultPrinter;
+
+// What the statements of a session cost the store.
+struct SqlStats {
+  QueryStats queries;
+  ScanCacheStats cache;
+  uint64_t bytes_read = 0;  // read from files by this process since Open
+};
+
+// SQL over a store: the store opened through the module as the agent's host
+// does, and an in-memory SQLite database whose 135 tables the store answers.
+// The database is closed before the store, and both before protobuf goes
+// with the module.
+class SqlSession {
+ public:
+  SqlSession() = default;
+  ~SqlSession();
+  SqlSession(const SqlSession&) = delete;
+  SqlSession& operator=(const SqlSession&) = delete;
+
+  // Opens the store (with the widest limits unless `host` sets some) and
+  // gives it `limits` for its answers. False with `error` in words.
+  bool Open(const HostOptions& host, const QueryLimits& limits, std::string& error);
+
+  // Runs the statements of `sql` one after another, each one's rows to
+  // `printer`. False with `error` at the first that fails.
+  bool Run(std::string_view sql, ResultPrinter& printer, std::string& error);
+
+  SqlStats Stats() const;
+
+  bool Close(std::string& error);
+
+ private:
+  ModuleHost host_;
+  std::unique_ptr<QueryClient> client_;
+  std::unique_ptr<StoreTables> tables_;
+  sqlite3* db_ = nullptr;
+  uint64_t read_at_open_ = 0;
+};
+
+// Bytes this process has read through read(2) and pread(2) so far (rchar of
+// /proc/self/io), 0 when unknown.
+uint64_t ProcessBytesRead();
+
+}  // namespace Tarn::Tool

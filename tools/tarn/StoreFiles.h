@@ -1,0 +1,77 @@
+#pragma once
+
+// The store's files read directly with the store's own format code, for the
+// commands that work on a closed store (info, verify, recover, dump-index)
+// and for what the tool must know before it opens one.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Keel/Collections/Buffer.h"
+#include "Keel/OS/File.h"
+#include "manager/DayFile.h"
+#include "manager/EventsBlock.h"
+#include "manager/Index.h"
+
+namespace Tarn::Tool {
+
+struct DayFileEntry {
+  uint16_t day = 0;
+  uint8_t version = 0;
+  std::string name;
+  uint64_t size = 0;
+};
+
+// What the storage directory holds, by kind of file.
+struct StoreListing {
+  std::vector<DayFileEntry> day_files;  // by day, then version
+  bool has_index = false;
+  uint64_t index_size = 0;
+  bool has_final = false;
+  uint64_t final_size = 0;
+  uint64_t other_size = 0;  // lock file, telemetry reports, temporary files
+  uint64_t total_size = 0;
+
+  const DayFileEntry* Find(uint16_t day, uint8_t version) const;
+};
+
+// False, with `error` in words, when the directory cannot be listed.
+bool ListStore(const std::string& directory, StoreListing& listing, std::string& error);
+
+enum class IndexState { kMissing, kUnusable, kLoaded };
+
+// Loads "storage.index.db" into `index` (a fresh Index). `records` gets the
+// record count the file's header announces, so that skipped records show.
+IndexState LoadIndexFile(const std::string& directory, Storage::Index& index, uint32_t& records);
+
+// Blocks the loaded index holds, over every day.
+uint64_t IndexedBlocks(Storage::Index& index);
+
+// One day file opened for reading its blocks.
+class DayFileReader {
+ public:
+  // Opens the file and checks its 20-byte header (`check` says how it went).
+  bool Open(const std::string& path, Storage::DayFileCheck& check);
+  uint64_t Size() const { return size_; }
+  // The block header at `offset`; false when it or its payload would pass
+  // the end of the file or its sizes are not a block's.
+  bool ReadHeader(uint64_t offset, Storage::BlockHeader& header);
+  // Reads and decodes the block: `raw` then holds its records and entry
+  // table. False when the bytes do not decode (checksum, sizes, table).
+  bool Decode(uint64_t offset, const Storage::BlockHeader& header, Keel::Collections::Buffer& raw);
+
+ private:
+  Keel::OS::File file_;
+  uint64_t size_ = 0;
+  Keel::Collections::Buffer payload_;
+};
+
+// The newest stored time the store knows of, in milliseconds: the index's
+// last event time, its blocks' last seconds, the block waiting in
+// "storage.final.db" and the days of day files the index does not name. 0
+// for an empty or missing store. The store wipes itself when it starts with
+// a clock behind its newest day, so the tool's clock never goes below this.
+int64_t NewestStoredMs(const std::string& directory);
+
+}  // namespace Tarn::Tool

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+namespace Tarn::Tool {
+
+// The store's own lock: an exclusive flock on "storage.lock" in the storage
+// directory, which the running store holds for its whole life. The tool
+// takes it to learn whether another process has the store open, and holds it
+// while its offline commands read or rewrite the files.
+class StoreLock {
+ public:
+  enum class Result { kLocked, kInUse, kError };
+
+  StoreLock() = default;
+  ~StoreLock() { Release(); }
+  StoreLock(const StoreLock&) = delete;
+  StoreLock& operator=(const StoreLock&) = delete;
+
+  // Creates the lock file (0600) when it is missing. On kInUse or kError,
+  // `error` says so in words.
+  Result Acquire(const std::string& directory, std::string& error);
+  // Lets the lock go. The store opened by this process takes it through a
+  // file descriptor of its own, which this one would block.
+  void Release();
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace Tarn::Tool
