@@ -12,7 +12,7 @@
 #include "manager/EventStorageProvider.h"
 #include "manager/EventsBlock.h"
 #include "manager/Index.h"
-#include "manager/LittleEndian.h"
+#include "Tarn/Events/Record.h"
 #include "manager/StorageHelper.h"
 
 namespace Tarn::Storage {
@@ -26,11 +26,7 @@ enum Message : uint32_t {
   kEventPastBlock = 103,
   kNoFileName = 104,
   kOpenFailed = 105,
-  kHeaderShort = 106,
-  kHeaderMagic = 107,
-  kHeaderReserved = 108,
-  kHeaderVersion = 109,
-  kHeaderTrailer = 110,
+  kBadFileHeader = 110,
   kFileSize = 111,
   kBlockHeader = 112,
   kCountMismatch = 113,
@@ -50,43 +46,6 @@ enum Message : uint32_t {
 
 void Log(Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
   KEEL_LOG(Keel::Log::Error, Keel::Log::StorageProvider, message, a, b, c);
-}
-
-// Byte positions inside a database file's 20-byte header.
-constexpr uint32_t kHeaderMagicAt = 0;
-constexpr uint32_t kHeaderReservedAt = 4;
-constexpr uint32_t kHeaderVersionAt = 8;
-constexpr uint32_t kHeaderTrailerAt = 12;
-
-// A day file's header must name the version the index expects the file to
-// be: a file renamed or rewritten under another version is not read.
-bool CheckHeader(Keel::OS::File& file, uint32_t version) {
-  uint8_t header[kDayFileHeaderSize];
-  if (!file.ReadAtExact(0, header, sizeof(header))) {
-    Log(kHeaderShort, file.LastError());
-    return false;
-  }
-  uint32_t magic = LittleEndian::Load32(header + kHeaderMagicAt);
-  if (magic != kStoreMagic) {
-    Log(kHeaderMagic, magic);
-    return false;
-  }
-  uint32_t reserved = LittleEndian::Load32(header + kHeaderReservedAt);
-  if (reserved != 0) {
-    Log(kHeaderReserved, reserved);
-    return false;
-  }
-  uint32_t stored_version = LittleEndian::Load32(header + kHeaderVersionAt);
-  if (stored_version != version) {
-    Log(kHeaderVersion, stored_version, version);
-    return false;
-  }
-  uint64_t trailer = LittleEndian::Load64(header + kHeaderTrailerAt);
-  if (trailer != 0) {
-    Log(kHeaderTrailer, trailer);
-    return false;
-  }
-  return true;
 }
 
 // The index entry of the position's block, whose event the position names.
@@ -164,7 +123,14 @@ bool EventStorageProvider::GetBlockProcessorFrom(const std::string& directory, I
     Log(kOpenFailed, read.position.Day(), block->version);
     return false;
   }
-  return CheckHeader(file, block->version) && ReadStored(file, *block, *read.stored, *read.meta);
+  // The header must name the version the file's name carries: a file renamed
+  // or rewritten under another version is not read.
+  DayFileCheck check;
+  if (!ReadDayFileHeader(file, check, block->version)) {
+    Log(kBadFileHeader, read.position.Day(), block->version, static_cast<uint32_t>(check));
+    return false;
+  }
+  return ReadStored(file, *block, *read.stored, *read.meta);
 }
 
 bool EventStorageProvider::GetBlock(RawIterator position, RawEventsBlockMetadata& meta,

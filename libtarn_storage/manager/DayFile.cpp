@@ -2,7 +2,7 @@
 
 #include "Keel/Log.h"
 #include "Keel/OS/File.h"
-#include "manager/LittleEndian.h"
+#include "Tarn/Events/Record.h"
 
 namespace Tarn::Storage {
 namespace {
@@ -37,8 +37,8 @@ void Log(Message message, uint64_t a = 0, uint64_t b = 0) {
 
 void BuildHeader(uint8_t (&header)[kDayFileHeaderSize]) {
   for (uint8_t& byte : header) byte = 0;
-  LittleEndian::Store32(header + kMagicOffset, kStoreMagic);
-  LittleEndian::Store32(header + kVersionOffset, kDayFileFormatVersion);
+  Events::Record::StoreUInt32(header + kMagicOffset, kStoreMagic);
+  Events::Record::StoreUInt32(header + kVersionOffset, kDayFileFormatVersion);
 }
 
 // Writes the header at offset 0 of an open file and makes it durable.
@@ -58,27 +58,27 @@ bool WriteHeader(Keel::OS::File& file, Message write_failed, Message flush_faile
 
 }  // namespace
 
-DayFileCheck CheckDayFileHeader(const uint8_t* bytes, uint64_t size) {
+DayFileCheck CheckDayFileHeader(const uint8_t* bytes, uint64_t size, uint32_t expected_version) {
   if (bytes == nullptr || size < kDayFileHeaderSize) {
     Log(kHeaderTooShort, size);
     return DayFileCheck::TooShort;
   }
-  uint32_t magic = LittleEndian::Load32(bytes + kMagicOffset);
+  uint32_t magic = Events::Record::LoadUInt32(bytes + kMagicOffset);
   if (magic != kStoreMagic) {
     Log(kHeaderBadMagic, magic);
     return DayFileCheck::BadMagic;
   }
-  uint32_t reserved = LittleEndian::Load32(bytes + kReservedOffset);
+  uint32_t reserved = Events::Record::LoadUInt32(bytes + kReservedOffset);
   if (reserved != 0) {
     Log(kHeaderBadReserved, reserved);
     return DayFileCheck::BadReserved;
   }
-  uint32_t version = LittleEndian::Load32(bytes + kVersionOffset);
-  if (version != kDayFileFormatVersion) {
-    Log(kHeaderBadVersion, version);
+  uint32_t version = Events::Record::LoadUInt32(bytes + kVersionOffset);
+  if (version != expected_version) {
+    Log(kHeaderBadVersion, version, expected_version);
     return DayFileCheck::BadVersion;
   }
-  uint64_t trailer = LittleEndian::Load64(bytes + kTrailerOffset);
+  uint64_t trailer = Events::Record::LoadUInt64(bytes + kTrailerOffset);
   if (trailer != 0) {
     Log(kHeaderBadTrailer, trailer);
     return DayFileCheck::BadTrailer;
@@ -101,46 +101,48 @@ bool CreateDayFile(const std::string& path, Keel::OS::File& file) {
   return true;
 }
 
-bool OpenDayFileForAppend(const std::string& path, Keel::OS::File& file, uint64_t& size) {
+AppendOpen OpenDayFileForAppend(const std::string& path, Keel::OS::File& file, uint64_t& size,
+                                bool create) {
   size = 0;
-  if (!file.Open(path, Keel::OS::File::Mode::ReadWrite)) {
+  using Mode = Keel::OS::File::Mode;
+  if (!file.Open(path, create ? Mode::OpenOrCreate : Mode::ReadWrite)) {
     Log(kAppendOpen, file.LastError());
-    return false;
+    return AppendOpen::kIoError;
   }
   uint64_t file_size = 0;
   if (!file.GetSize(file_size)) {
     Log(kAppendSize, file.LastError());
     file.Close();
-    return false;
+    return AppendOpen::kIoError;
   }
   if (file_size == 0) {
     if (!WriteHeader(file, kFreshHeaderWrite, kFreshHeaderFlush)) {
       file.Truncate(0);
       file.Close();
-      return false;
+      return AppendOpen::kIoError;
     }
     size = kDayFileHeaderSize;
-    return true;
+    return AppendOpen::kOk;
   }
   DayFileCheck check;
   if (!ReadDayFileHeader(file, check)) {
     Log(kAppendBadHeader, static_cast<uint32_t>(check), file_size);
     file.Close();
-    return false;
+    return check == DayFileCheck::ReadFailed ? AppendOpen::kIoError : AppendOpen::kBadHeader;
   }
   size = file_size;
-  return true;
+  return AppendOpen::kOk;
 }
 
-bool ReadDayFileHeader(Keel::OS::File& file, DayFileCheck& check) {
-  check = DayFileCheck::TooShort;
+bool ReadDayFileHeader(Keel::OS::File& file, DayFileCheck& check, uint32_t expected_version) {
+  check = DayFileCheck::ReadFailed;
   uint8_t header[kDayFileHeaderSize];
   size_t got = 0;
   if (!file.ReadAt(0, header, sizeof(header), &got)) {
     Log(kHeaderRead, file.LastError());
     return false;
   }
-  check = CheckDayFileHeader(header, got);
+  check = CheckDayFileHeader(header, got, expected_version);
   return check == DayFileCheck::Ok;
 }
 

@@ -6,7 +6,7 @@
 #include "Keel/Collections/Buffer.h"
 #include "Keel/Log.h"
 #include "Keel/OS/File.h"
-#include "manager/LittleEndian.h"
+#include "Tarn/Events/Record.h"
 #include "manager/Settings.h"
 
 namespace Tarn::Storage {
@@ -44,8 +44,8 @@ void Log(Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
 }
 
 BlockEntry EntryAt(const uint8_t* table, uint32_t i) {
-  return BlockEntry{LittleEndian::Load32(table + i * kEntrySize),
-                    LittleEndian::Load32(table + i * kEntrySize + 4)};
+  return BlockEntry{Events::Record::LoadUInt32(table + i * kEntrySize),
+                    Events::Record::LoadUInt32(table + i * kEntrySize + 4)};
 }
 
 // Index of the first entry that breaks the table's rules, or `count`. The
@@ -77,7 +77,7 @@ bool SizesAreSane(const BlockHeader& header) {
 
 bool WriteWord(Keel::OS::File& file, uint64_t offset, uint32_t value, Message failed) {
   uint8_t bytes[4];
-  LittleEndian::Store32(bytes, value);
+  Events::Record::StoreUInt32(bytes, value);
   if (file.WriteAt(offset, bytes, sizeof(bytes))) return true;
   Log(failed, file.LastError(), offset);
   return false;
@@ -115,8 +115,8 @@ bool AppendEntryTable(Keel::Collections::Buffer& raw,
   uint8_t* table = raw.Data() + table_offset;
   for (uint32_t i = 0; i < count; ++i) {
     const BlockEntry& entry = *entries.Get(i);
-    LittleEndian::Store32(table + i * kEntrySize, entry.offset);
-    LittleEndian::Store32(table + i * kEntrySize + 4, entry.second_word & kSecondMask);
+    Events::Record::StoreUInt32(table + i * kEntrySize, entry.offset);
+    Events::Record::StoreUInt32(table + i * kEntrySize + 4, entry.second_word & kSecondMask);
   }
   return true;
 }
@@ -200,7 +200,9 @@ bool WriteBlock(Keel::OS::File& file, uint64_t offset, const BlockHeader& header
   return true;
 }
 
-bool ReadBlockHeader(Keel::OS::File& file, uint64_t offset, uint64_t file_size, BlockHeader& out) {
+bool ReadBlockHeader(Keel::OS::File& file, uint64_t offset, uint64_t file_size, BlockHeader& out,
+                     bool* io_error) {
+  if (io_error != nullptr) *io_error = false;
   if (offset > file_size || file_size - offset < kBlockHeaderSize) {
     Log(kHeaderPastEnd, offset, file_size);
     return false;
@@ -208,12 +210,13 @@ bool ReadBlockHeader(Keel::OS::File& file, uint64_t offset, uint64_t file_size, 
   uint8_t bytes[kBlockHeaderSize];
   if (!file.ReadAtExact(offset, bytes, sizeof(bytes))) {
     Log(kHeaderRead, file.LastError(), offset);
+    if (io_error != nullptr) *io_error = true;
     return false;
   }
   BlockHeader header;
-  header.stored_size = LittleEndian::Load32(bytes);
-  header.raw_size = LittleEndian::Load32(bytes + 4);
-  header.table_offset = LittleEndian::Load32(bytes + 8);
+  header.stored_size = Events::Record::LoadUInt32(bytes);
+  header.raw_size = Events::Record::LoadUInt32(bytes + 4);
+  header.table_offset = Events::Record::LoadUInt32(bytes + 8);
   if (header.stored_size == 0) {
     Log(kEmptyPayload, offset);
     return false;
@@ -276,7 +279,7 @@ RawBlockView::RawBlockView(const uint8_t* raw, uint32_t raw_size, uint32_t table
                                                         : 0) {}
 
 uint32_t RawBlockView::EntryOffset(uint32_t i) const {
-  return LittleEndian::Load32(raw_ + table_offset_ + i * kEntrySize);
+  return Events::Record::LoadUInt32(raw_ + table_offset_ + i * kEntrySize);
 }
 
 bool RawBlockView::Event(uint32_t i, const uint8_t*& data, uint32_t& size) const {
@@ -291,7 +294,7 @@ bool RawBlockView::Event(uint32_t i, const uint8_t*& data, uint32_t& size) const
 
 uint32_t RawBlockView::Second(uint32_t i) const {
   if (i >= count_) return kNoSecond;
-  return LittleEndian::Load32(raw_ + table_offset_ + i * kEntrySize + 4) & kSecondMask;
+  return Events::Record::LoadUInt32(raw_ + table_offset_ + i * kEntrySize + 4) & kSecondMask;
 }
 
 }  // namespace Tarn::Storage

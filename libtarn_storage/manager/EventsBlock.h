@@ -77,8 +77,11 @@ bool WriteBlock(Keel::OS::File& file, uint64_t offset, const BlockHeader& header
 
 // Reads the header of the block at `offset` of a file of `file_size` bytes.
 // Fails (logged) when the header or the payload would reach past the end, or
-// when the sizes cannot belong to a block this store writes.
-bool ReadBlockHeader(Keel::OS::File& file, uint64_t offset, uint64_t file_size, BlockHeader& out);
+// when the sizes cannot belong to a block this store writes; `io_error` (may
+// be null) is set when the read itself failed instead, which says nothing
+// about the bytes.
+bool ReadBlockHeader(Keel::OS::File& file, uint64_t offset, uint64_t file_size, BlockHeader& out,
+                     bool* io_error = nullptr);
 
 // Reads the header's stored_size payload bytes of the block at `offset`.
 bool ReadBlockPayload(Keel::OS::File& file, uint64_t offset, const BlockHeader& header,

@@ -1,6 +1,7 @@
 #include "manager/FinalFile.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/Log.h"
@@ -8,7 +9,7 @@
 #include "Keel/OS/FileSystem.h"
 #include "manager/DayFile.h"
 #include "manager/EventsBlock.h"
-#include "manager/LittleEndian.h"
+#include "Tarn/Events/Record.h"
 
 namespace Tarn::Storage {
 namespace {
@@ -64,22 +65,22 @@ struct FinalHeader {
 
 void StoreHeader(const FinalHeader& header, uint8_t (&bytes)[kFinalHeaderSize]) {
   std::fill(std::begin(bytes), std::end(bytes), 0);
-  LittleEndian::Store32(bytes + kMagicOffset, header.magic);
-  LittleEndian::Store32(bytes + kVersionOffset, header.version);
-  LittleEndian::Store32(bytes + kTableOffsetOffset, header.table_offset);
-  LittleEndian::Store32(bytes + kCountOffset, header.event_count);
-  LittleEndian::Store32(bytes + kRawSizeOffset, header.raw_size);
-  LittleEndian::Store16(bytes + kDayOffset, header.day);
+  Events::Record::StoreUInt32(bytes + kMagicOffset, header.magic);
+  Events::Record::StoreUInt32(bytes + kVersionOffset, header.version);
+  Events::Record::StoreUInt32(bytes + kTableOffsetOffset, header.table_offset);
+  Events::Record::StoreUInt32(bytes + kCountOffset, header.event_count);
+  Events::Record::StoreUInt32(bytes + kRawSizeOffset, header.raw_size);
+  Events::Record::StoreUInt16(bytes + kDayOffset, header.day);
 }
 
 FinalHeader LoadHeader(const uint8_t (&bytes)[kFinalHeaderSize]) {
   FinalHeader header;
-  header.magic = LittleEndian::Load32(bytes + kMagicOffset);
-  header.version = LittleEndian::Load32(bytes + kVersionOffset);
-  header.table_offset = LittleEndian::Load32(bytes + kTableOffsetOffset);
-  header.event_count = LittleEndian::Load32(bytes + kCountOffset);
-  header.raw_size = LittleEndian::Load32(bytes + kRawSizeOffset);
-  header.day = LittleEndian::Load16(bytes + kDayOffset);
+  header.magic = Events::Record::LoadUInt32(bytes + kMagicOffset);
+  header.version = Events::Record::LoadUInt32(bytes + kVersionOffset);
+  header.table_offset = Events::Record::LoadUInt32(bytes + kTableOffsetOffset);
+  header.event_count = Events::Record::LoadUInt32(bytes + kCountOffset);
+  header.raw_size = Events::Record::LoadUInt32(bytes + kRawSizeOffset);
+  header.day = Events::Record::LoadUInt16(bytes + kDayOffset);
   return header;
 }
 
@@ -136,7 +137,7 @@ bool WriteBody(Keel::OS::File& file, const Keel::Collections::Buffer& raw,
 // header could land the magic and still fail.
 bool WriteMagic(Keel::OS::File& file) {
   uint8_t magic[4];
-  LittleEndian::Store32(magic, kStoreMagic);
+  Events::Record::StoreUInt32(magic, kStoreMagic);
   if (!file.WriteAt(kMagicOffset, magic, sizeof(magic))) {
     Log(kWriteMagic, file.LastError());
     return false;
@@ -151,6 +152,11 @@ bool WriteMagic(Keel::OS::File& file) {
 FinalFileState Invalid(Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
   Log(message, a, b, c);
   return FinalFileState::Invalid;
+}
+
+FinalFileState Unreadable(Message message, uint64_t a = 0, uint64_t b = 0) {
+  Log(message, a, b, 0);
+  return FinalFileState::ReadFailed;
 }
 
 }  // namespace
@@ -187,16 +193,22 @@ bool WriteFinalFile(const std::string& path, const Keel::Collections::Buffer& ra
 FinalFileState ReadFinalFile(const std::string& path, Keel::Collections::Buffer& raw,
                              uint32_t& table_offset, uint32_t& event_count, uint16_t& day) {
   raw.Reset();
+  // Asked first so that the usual absence is not logged as a failed open.
   if (!Keel::OS::FileSystem::Exists(path)) return FinalFileState::Absent;
   Keel::OS::File file;
-  if (!file.Open(path, Keel::OS::File::Mode::Read)) return Invalid(kReadOpen, file.LastError());
+  if (!file.Open(path, Keel::OS::File::Mode::Read)) {
+    if (file.LastError() == ENOENT) return FinalFileState::Absent;
+    return Unreadable(kReadOpen, file.LastError());
+  }
   uint64_t file_size = 0;
-  if (!file.GetSize(file_size)) return Invalid(kReadSize, file.LastError());
+  if (!file.GetSize(file_size)) return Unreadable(kReadSize, file.LastError());
   uint8_t bytes[kFinalHeaderSize];
   size_t got = 0;
-  if (!file.ReadAt(0, bytes, sizeof(bytes), &got)) return Invalid(kReadHeader, file.LastError());
+  if (!file.ReadAt(0, bytes, sizeof(bytes), &got)) {
+    return Unreadable(kReadHeader, file.LastError());
+  }
 
-  if (got < 4 || LittleEndian::Load32(bytes + kMagicOffset) != kStoreMagic) {
+  if (got < 4 || Events::Record::LoadUInt32(bytes + kMagicOffset) != kStoreMagic) {
     KEEL_LOG(Keel::Log::Warning, Keel::Log::StorageManager, kIncomplete, file_size, got, 0);
     return FinalFileState::Incomplete;
   }
@@ -212,7 +224,7 @@ FinalFileState ReadFinalFile(const std::string& path, Keel::Collections::Buffer&
   if (!raw.Resize(header.raw_size) ||
       !file.ReadAtExact(kFinalHeaderSize, raw.Data(), header.raw_size)) {
     raw.Reset();
-    return Invalid(kReadRaw, file.LastError(), header.raw_size);
+    return Unreadable(kReadRaw, file.LastError(), header.raw_size);
   }
   InvertBytes(raw.Data(), raw.Size());
   if (!CheckEntryTable(raw.Data(), header.raw_size, header.table_offset)) {

@@ -27,6 +27,7 @@ bool WriteFinalFile(const std::string& path, const Keel::Collections::Buffer& ra
 
 enum class FinalFileState {
   Absent,      // no file
+  ReadFailed,  // the system failed a read: the file may be whole, so it stays
   Incomplete,  // the magic is not set: the write never finished
   Invalid,     // complete, but not a block this store can use
   Ok,

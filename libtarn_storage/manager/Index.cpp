@@ -177,7 +177,8 @@ bool Index::load(Settings& settings) {
 }
 
 bool Index::load_from(Settings& settings, Keel::Utils::String& path) {
-  if (try_load_existing(settings, path)) return true;
+  was_read_ = try_load_existing(settings, path);
+  if (was_read_) return true;
   // The file only caches what the database files hold: start empty.
   last_event_timestamp_ = 0;
   return CreateTree(settings);

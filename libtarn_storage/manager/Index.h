@@ -82,6 +82,8 @@ class Index {
   uint32_t get_count() { return 0; }
 
   uint64_t last_event_timestamp() const { return last_event_timestamp_; }
+  // Whether the last load found a usable file (rather than starting empty).
+  bool was_read() const { return was_read_; }
   void set_last_event_timestamp(uint64_t value) { last_event_timestamp_ = value; }
 
   Tree& tree() { return tree_; }
@@ -103,6 +105,7 @@ class Index {
 
   Tree tree_;
   uint64_t last_event_timestamp_ = 0;
+  bool was_read_ = false;
   std::string directory_;
   // The file image, kept between saves since one follows every block.
   Keel::Collections::Buffer image_;

@@ -1,6 +1,7 @@
 #include "manager/StorageManager.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 
 #include "Keel/Lzma.h"
@@ -10,6 +11,7 @@
 #include "Keel/Utils/TreeContainer.h"
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/EventHeader.h"
+#include "manager/DayFileReader.h"
 #include "manager/EventsBlock.h"
 #include "manager/FinalFile.h"
 #include "manager/StorageHelper.h"
@@ -52,6 +54,7 @@ enum Message : uint32_t {
   kDumpFailed = 28,
   kHostValue = 29,
   kStopped = 30,
+  kTakeBackFailed = 31,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -102,7 +105,10 @@ bool StorageManager::Create(const Settings& settings, ITimeProvider* clock, uint
     Log(Keel::Log::Error, kBuffersCreateFailed);
     return false;
   }
-  if (settings_.reset_mode == 1 && !catalog_.Wipe()) Log(Keel::Log::Error, kWipeFailed);
+  if (settings_.reset_mode == 1 && !catalog_.Wipe()) {
+    Log(Keel::Log::Error, kWipeFailed);
+    return false;
+  }
   if (!index_.load(settings_)) {
     Log(Keel::Log::Error, kIndexLoadFailed);
     return false;
@@ -119,13 +125,18 @@ bool StorageManager::Create(const Settings& settings, ITimeProvider* clock, uint
   if (index_.tree().GetMaxUnsafe(newest) != nullptr && *newest > now.day) {
     // Days from the future would never be evicted in order: start over.
     Log(Keel::Log::Error, kClockWentBack, *newest, now.day);
-    if (!catalog_.Wipe()) Log(Keel::Log::Error, kWipeFailed);
+    MutexGuard lock(mutex_.get());
+    if (!catalog_.Wipe()) {
+      Log(Keel::Log::Error, kWipeFailed);
+      return false;
+    }
+    index_lost_ = false;
+    if (!SaveIndex()) return false;
   }
 
   builder_.day = now.day;
   builder_.capacity = settings_.block_buffer_size;
-  if (!StartWriter()) return false;
-  TakeBackFinalBlock();
+  if (!StartWriter() || !TakeBackFinalBlock()) return false;
   {
     MutexGuard lock(&builder_.mutex);
     builder_.ready = true;
@@ -167,14 +178,30 @@ bool StorageManager::LockDirectory() {
 
 bool StorageManager::LoadDatabases() {
   MutexGuard lock(mutex_.get());
-  bool changed = catalog_.Reconcile();
+  bool changed = false;
+  if (!catalog_.Reconcile(index_.was_read(), changed)) return false;
+  index_lost_ = !index_.was_read() && !catalog_.LooseFiles().empty();
+  // A new store gets its index file before its first block, so that a day
+  // file without index entries can later be told from one whose index was
+  // lost (see StoreCatalog).
+  const bool fresh = !index_.was_read() && !index_lost_;
   uint32_t days = index_.tree().GetCount();
   uint64_t size = catalog_.TotalSize();
   catalog_.EnforceLimits(settings_, Now().day);
   changed |= days != index_.tree().GetCount() || size != catalog_.TotalSize();
-  if (changed && !index_.save(index_.last_event_timestamp())) {
-    Log(Keel::Log::Error, kIndexSaveFailed);
+  if (!changed && !fresh) return true;
+  return SaveIndex() || !fresh;
+}
+
+bool StorageManager::SaveIndex() {
+  // Left unsaved while it names nothing: an empty file would make the day
+  // files of a lost index look like the newest days' lost saves.
+  if (index_lost_ && index_.tree().GetCount() == 0) return true;
+  if (!index_.save(index_.last_event_timestamp())) {
+    Log(Keel::Log::Error, kIndexSaveFailed, index_.tree().GetCount());
+    return false;
   }
+  index_lost_ = false;
   return true;
 }
 
@@ -188,19 +215,26 @@ bool StorageManager::StartWriter() {
   return true;
 }
 
-void StorageManager::TakeBackFinalBlock() {
+bool StorageManager::TakeBackFinalBlock() {
   const std::string path = catalog_.PathOf(Utils::kFinalFileName);
   Keel::Collections::Buffer raw;
   uint32_t table_offset = 0;
   uint32_t count = 0;
   uint16_t day = 0;
   FinalFileState state = ReadFinalFile(path, raw, table_offset, count, day);
-  if (state == FinalFileState::Absent) return;
-  if (state != FinalFileState::Ok) {
-    // An interrupted shutdown write: its block never became whole.
+  if (state == FinalFileState::Absent) return true;
+  if (state == FinalFileState::ReadFailed) {
+    // The file stays for the next start: nothing may be stored before its
+    // block, or the day's blocks would no longer follow time order.
+    Log(Keel::Log::Error, kTakeBackFailed);
+    return false;
+  }
+  if (state != FinalFileState::Ok || AlreadyStored(day, raw)) {
+    // An interrupted shutdown write (its block never became whole), or a
+    // block the previous start stored but did not get to delete.
     Log(Keel::Log::Error, kFinalUnusable, static_cast<uint32_t>(state));
     if (!FS::DeleteFile(path)) Log(Keel::Log::Error, kFinalDeleteFailed);
-    return;
+    return true;
   }
   RawBlockView view(raw.Data(), static_cast<uint32_t>(raw.Size()), table_offset);
   MutexGuard lock(&builder_.mutex);
@@ -216,10 +250,37 @@ void StorageManager::TakeBackFinalBlock() {
   if (!copied) {
     Log(Keel::Log::Error, kFinalUnusable, count);
     builder_.block.Reset();
-    return;
+    return false;
   }
-  // The writer deletes the shutdown file once the block is in its day file.
-  HandOver(kOnInit, day);
+  // The writer deletes the shutdown file once the block is in its day file;
+  // the store starts only after that, answering with every event it holds.
+  const uint64_t lost = lost_blocks_.load();
+  if (!HandOver(kOnInit, day)) return false;
+  writer_idle_.Wait(Event::kInfinite);
+  writer_idle_.Set();
+  // A block too large for the whole budget was dropped with its file.
+  if (lost_blocks_.load() != lost && FS::Exists(path)) {
+    lost_blocks_reported_.store(lost_blocks_.load());
+    Log(Keel::Log::Error, kTakeBackFailed);
+    return false;
+  }
+  return true;
+}
+
+bool StorageManager::AlreadyStored(uint16_t day, const Keel::Collections::Buffer& raw) {
+  MutexGuard lock(mutex_.get());
+  DayInfo* info = index_.tree().SearchUnsafe(day);
+  if (info == nullptr || info->GetBlockCount() == 0) return false;
+  const BlockInfo* last = info->GetBlock(info->GetBlockCount() - 1);
+  if (last->version != DayInfo::kInitialVersion) return false;
+  DayFileReader reader;
+  DayFileCheck check;
+  BlockHeader header;
+  Keel::Collections::Buffer stored;
+  return reader.Open(catalog_.DayFilePath(day, last->version), check) &&
+         reader.ReadHeader(last->block_offset, header) && header.raw_size == raw.Size() &&
+         reader.Decode(last->block_offset, header, stored) &&
+         std::memcmp(stored.Data(), raw.Data(), raw.Size()) == 0;
 }
 
 TimeIndex StorageManager::Now() { return ToTimeIndex(clock_->GetEpochTime()); }
@@ -242,7 +303,9 @@ bool StorageManager::AddEvent(const Events::Objects::Base& event) {
 
   if (now.day != builder_.day) {
     // The first event of a day starts a new block and skips the size tests.
-    if (!builder_.block.Empty()) HandOver(kOnEvent, builder_.day);
+    // An empty block is handed over all the same: the writer skips it, and
+    // telemetry counts every cut.
+    HandOver(kOnEvent, builder_.day);
     builder_.day = now.day;
     return Append(record, size, now.second);
   }
@@ -275,6 +338,7 @@ bool StorageManager::HandOver(HandOverReason reason, uint16_t day) {
   if (!writer_idle_.Wait(kHandOverTimeoutMs)) {
     Log(Keel::Log::Error, kHandOverTimeout, builder_.block.entries.Count(), day);
     telemetry_.notify_events_buffer_discarded();
+    lost_blocks_.fetch_add(1);
     builder_.block.Reset();
     return false;
   }
@@ -297,7 +361,10 @@ void StorageManager::WriterLoop() {
       writer_idle_.Set();
       return;
     }
-    if (!WritePendingBlock()) Log(Keel::Log::Error, kBlockWriteFailed, pending_day_);
+    if (!WritePendingBlock()) {
+      Log(Keel::Log::Error, kBlockWriteFailed, pending_day_);
+      lost_blocks_.fetch_add(1);
+    }
     pending_.Reset();
     writer_idle_.Set();
   }
@@ -340,12 +407,21 @@ bool StorageManager::WriteDayBlock() {
   MutexGuard lock(mutex_.get());
   Keel::OS::File file;
   uint64_t offset = 0;
-  if (catalog_.PlaceBlock(settings_, pending_day_, size, file, offset) ==
-      StoreCatalog::Placement::kDrop) {
+  const auto placement = catalog_.PlaceBlock(settings_, pending_day_, size, file, offset);
+  if (placement == StoreCatalog::Placement::kDrop) {
+    // It can never be stored: a taken-back block must not come back again.
     Log(Keel::Log::Error, kBlockDropped, pending_day_, size);
     telemetry_.notify_events_buffer_discarded();
     telemetry_.notify_buffer_processing_ended(report);
+    lost_blocks_.fetch_add(1);
+    if (pending_reason_ == kOnInit) DeleteFinalFile();
     return true;
+  }
+  if (placement == StoreCatalog::Placement::kFail) {
+    // A taken-back block stays in the shutdown file for the next start.
+    telemetry_.notify_events_buffer_discarded();
+    telemetry_.notify_buffer_processing_ended(report);
+    return false;
   }
   if (!WriteBlock(file, offset, encoded.header, compressed_)) {
     // The index still ends before this block; cut what reached the file so
@@ -362,16 +438,21 @@ bool StorageManager::WriteDayBlock() {
   uint64_t stamp = std::max(index_.last_event_timestamp(),
                             ToEpochSeconds(pending_day_, encoded.last_second));
   index_.set_last_event_timestamp(stamp);
-  if (!index_.save(stamp)) Log(Keel::Log::Error, kIndexSaveFailed, pending_day_);
-  if (pending_reason_ == kOnInit &&
-      !FS::DeleteFile(catalog_.PathOf(Utils::kFinalFileName))) {
-    Log(Keel::Log::Error, kFinalDeleteFailed);
-  }
+  // A failed save loses nothing: the next start finds the block after the
+  // last indexed one, and the next save names it.
+  SaveIndex();
+  if (pending_reason_ == kOnInit) DeleteFinalFile();
   report = Telemetry::EventBlockData{pending_day_, encoded.header.raw_size,
                                      encoded.header.stored_size, encoded.event_count,
                                      pending_reason_};
   telemetry_.notify_buffer_processing_ended(report);
   return true;
+}
+
+void StorageManager::DeleteFinalFile() {
+  if (!FS::DeleteFile(catalog_.PathOf(Utils::kFinalFileName))) {
+    Log(Keel::Log::Error, kFinalDeleteFailed);
+  }
 }
 
 bool StorageManager::WriteFinalBlock() {
@@ -402,7 +483,12 @@ bool StorageManager::Flush() {
   // Waiting takes the idle signal; it is given back for the next hand-over.
   writer_idle_.Wait(Event::kInfinite);
   writer_idle_.Set();
-  return ok;
+  return ok && NoBlockLostSinceLastAsked();
+}
+
+bool StorageManager::NoBlockLostSinceLastAsked() {
+  const uint64_t lost = lost_blocks_.load();
+  return lost_blocks_reported_.exchange(lost) == lost;
 }
 
 bool StorageManager::Stop() {
@@ -415,7 +501,7 @@ bool StorageManager::Stop() {
   {
     MutexGuard lock(&builder_.mutex);
     builder_.ready = false;
-    if (!builder_.block.Empty()) ok = HandOver(kOnClose, builder_.day);
+    ok = HandOver(kOnClose, builder_.day);
   }
   writer_idle_.Wait(Event::kInfinite);
   stop_flag_.exchange(1);
@@ -423,11 +509,9 @@ bool StorageManager::Stop() {
   writer_.Join();
   {
     MutexGuard lock(mutex_.get());
-    if (!index_.save(index_.last_event_timestamp())) {
-      Log(Keel::Log::Error, kIndexSaveFailed);
-      ok = false;
-    }
+    ok = SaveIndex() && ok;
   }
+  ok = NoBlockLostSinceLastAsked() && ok;
   std::optional<bool> result = ok;
   telemetry_.notify_closing_ended(result);
   Log(Keel::Log::Information, kStopped, ok);

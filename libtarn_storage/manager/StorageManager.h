@@ -54,11 +54,14 @@ class StorageManager final : public Telemetry::ReportContributor {
   bool AddEvent(const Events::Objects::Base& event);
 
   // Hands the open block over and waits until the writer is idle, so every
-  // event accepted before the call is on disk and indexed after it.
+  // event accepted before the call is on disk and indexed after it. False
+  // when a block of events accepted since the last Flush (or Stop) was lost
+  // (a failed write, a block too large for the budget, a hand-over that
+  // timed out) or this one could not be handed over.
   bool Flush();
 
   // Ends intake, leaves the open block in the shutdown file and stops the
-  // writer thread.
+  // writer thread. False, as with Flush, when a block was lost.
   bool Stop();
 
   Settings GetSettings();
@@ -92,7 +95,16 @@ class StorageManager final : public Telemetry::ReportContributor {
   bool LockDirectory();
   bool LoadDatabases();
   bool StartWriter();
-  void TakeBackFinalBlock();
+  // Stores the block the previous run left in the shutdown file. False when
+  // it cannot be read or stored now: the file then stays for the next start.
+  bool TakeBackFinalBlock();
+  // True when the day's last block holds exactly `raw`: the previous start
+  // took the shutdown block back but did not get to delete its file.
+  bool AlreadyStored(uint16_t day, const Keel::Collections::Buffer& raw);
+  void DeleteFinalFile();
+  // Requires the manager mutex.
+  bool SaveIndex();
+  bool NoBlockLostSinceLastAsked();
 
   TimeIndex Now();
   bool Append(const uint8_t* record, uint32_t size, uint32_t second);
@@ -110,6 +122,13 @@ class StorageManager final : public Telemetry::ReportContributor {
   Keel::OS::Threading::Event block_ready_;
   std::atomic<uint32_t> stop_flag_{0};
   std::atomic<bool> running_{false};
+  // Blocks whose events were accepted and then lost; Flush and Stop report
+  // the ones they have not reported yet.
+  std::atomic<uint64_t> lost_blocks_{0};
+  std::atomic<uint64_t> lost_blocks_reported_{0};
+  // Started without a usable index while day files existed (guarded by the
+  // manager mutex).
+  bool index_lost_ = false;
 
   // The block being written, owned by the writer between hand-overs.
   BlockBuffers pending_;

@@ -6,6 +6,7 @@
 #include "Keel/OS/FileSystem.h"
 #include "Keel/OS/Path.h"
 #include "manager/DayFile.h"
+#include "manager/DayFileReader.h"
 #include "manager/FinalFile.h"
 #include "manager/Index.h"
 #include "manager/StorageHelper.h"
@@ -33,6 +34,7 @@ enum Message : uint32_t {
   kTornTailCut = 15,
   kTruncateFailed = 16,
   kWipeListFailed = 17,
+  kDayFileOpenFailed = 18,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -55,7 +57,10 @@ std::string StoreCatalog::DayFilePath(uint16_t day, uint8_t version) const {
 }
 
 void StoreCatalog::EnforceLimits(const Settings& settings, uint16_t current_day) {
-  while (index_.tree().GetCount() > settings.max_days || TotalSize() > settings.max_storage_size) {
+  while (index_.tree().GetCount() > settings.max_days) {
+    if (!EvictOldestDay(current_day)) break;
+  }
+  while (TotalSize() > settings.max_storage_size) {
     if (!EvictOldest(current_day)) break;
   }
 }
@@ -69,10 +74,17 @@ StoreCatalog::Placement StoreCatalog::PlaceBlock(const Settings& settings, uint1
   }
   bool added = false;
   DayInfo* info = FindOrAddDay(settings, day, added);
-  if (info == nullptr) return Placement::kDrop;
+  if (info == nullptr) return Placement::kFail;
 
-  Placement placement = Placement::kDrop;
-  if (!OpenVersionForWriting(day, *info, file, placement)) return Placement::kDrop;
+  Placement placement = OpenVersionForWriting(day, *info, file);
+  if (placement == Placement::kFail) {
+    // A new day that never got a block leaves no trace in the index.
+    if (added && info->GetBlockCount() == 0) {
+      indexed_size_ -= std::min(indexed_size_, info->totalOnDiskSize());
+      index_.tree().Erase(day);
+    }
+    return placement;
+  }
   offset = info->onDiskSize(DayInfo::kInitialVersion);
   if (offset + size > kMaxDayFileSize) {
     Log(Keel::Log::Error, kFilePastAddressableSize, day, offset, size);
@@ -92,9 +104,12 @@ DayInfo* StoreCatalog::FindOrAddDay(const Settings& settings, uint16_t day, bool
   if (DayInfo* info = tree.SearchUnsafe(day)) return info;
 
   Log(Keel::Log::Information, kNewDay, day);
-  if (tree.GetCount() + 1 > settings.max_days && !EvictOldest(day)) {
-    Log(Keel::Log::Error, kDayLimitEvictionFailed, day);
-    return nullptr;
+  // Only indexed days count here: deleting a loose file makes no room.
+  while (tree.GetCount() + 1 > settings.max_days) {
+    if (!EvictOldestDay(day)) {
+      Log(Keel::Log::Error, kDayLimitEvictionFailed, day);
+      return nullptr;
+    }
   }
   DayInfo fresh;
   if (!fresh.Create()) {
@@ -109,53 +124,62 @@ DayInfo* StoreCatalog::FindOrAddDay(const Settings& settings, uint16_t day, bool
   return tree.SearchUnsafe(day);
 }
 
-bool StoreCatalog::OpenVersionForWriting(uint16_t day, DayInfo& info, Keel::OS::File& file,
-                                         Placement& placement) {
+StoreCatalog::Placement StoreCatalog::OpenVersionForWriting(uint16_t day, DayInfo& info,
+                                                            Keel::OS::File& file) {
+  const uint8_t version = DayInfo::kInitialVersion;
+  const uint64_t known = info.onDiskSize(version);
+  uint64_t size = 0;
+  switch (OpenDayFileForAppend(DayFilePath(day, version), file, size, true)) {
+    case AppendOpen::kIoError:
+      // The file may be whole: keep it and its blocks, fail only this block.
+      Log(Keel::Log::Error, kDayFileOpenFailed, day, version);
+      return Placement::kFail;
+    case AppendOpen::kBadHeader:
+      return ReplaceUnusableFile(day, info, file);
+    case AppendOpen::kOk:
+      break;
+  }
+  if (size == known) return Placement::kAppend;
+  if (known == 0 && size == kDayFileHeaderSize) {
+    ForgetLooseFile(day, version);
+    info.setOnDiskSize(version, size);
+    indexed_size_ += size;
+    return Placement::kCreated;
+  }
+  // The file holds what the index does not know of (blocks whose index save
+  // was lost, a torn tail), or less than it names: make them agree first.
+  DayFileReader reader;
+  bool changed = false;
+  if (!reader.Attach(file)) return Placement::kFail;
+  ForgetLooseFile(day, version);
+  const uint64_t end = AlignVersion(day, info, version, reader, changed);
+  indexed_size_ -= std::min(indexed_size_, known);
+  indexed_size_ += end != 0 ? end : reader.Size();
+  info.setOnDiskSize(version, end != 0 ? end : reader.Size());
+  return end != 0 ? Placement::kAppend : Placement::kFail;
+}
+
+StoreCatalog::Placement StoreCatalog::ReplaceUnusableFile(uint16_t day, DayInfo& info,
+                                                          Keel::OS::File& file) {
   const uint8_t version = DayInfo::kInitialVersion;
   const std::string path = DayFilePath(day, version);
-  const uint64_t known = info.onDiskSize(version);
-  const bool exists = FS::Exists(path);
-
-  if (exists) {
-    uint64_t size = 0;
-    if (OpenDayFileForAppend(path, file, size)) {
-      if (known == 0) {
-        // A loose file of this day (its index entry was lost): keep its
-        // bytes and write after them.
-        AdoptLooseFile(day, version);
-        info.setOnDiskSize(version, size);
-        indexed_size_ += size;
-        placement = Placement::kAppend;
-        return true;
-      }
-      if (size >= known) {
-        // Bytes past the last recorded block are a torn write: cut them.
-        if (size > known && !file.Truncate(known)) {
-          Log(Keel::Log::Error, kTruncateFailed, day, known, size);
-          return false;
-        }
-        placement = Placement::kAppend;
-        return true;
-      }
-      // Shorter than its recorded blocks: somebody cut the file. Its blocks
-      // cannot be trusted, so it starts over below.
-      file.Close();
-    }
-    Log(Keel::Log::Warning, kDayFileUnusable, day, version, known);
-    AdoptLooseFile(day, version);
-    if (!FS::DeleteFile(path)) return false;
+  // The header was read and is not a day file's: nothing in it can be read.
+  Log(Keel::Log::Warning, kDayFileUnusable, day, version, info.onDiskSize(version));
+  if (!FS::DeleteFile(path)) {
+    Log(Keel::Log::Error, kDeleteFailed, day, version);
+    return Placement::kFail;
   }
-  // A missing or unusable file takes the blocks recorded in it along.
-  indexed_size_ -= std::min(indexed_size_, known);
+  ForgetLooseFile(day, version);
+  indexed_size_ -= std::min(indexed_size_, info.onDiskSize(version));
   info.ClearVersion(version);
-  if (!CreateDayFile(path, file)) {
+  uint64_t size = 0;
+  if (OpenDayFileForAppend(path, file, size, true) != AppendOpen::kOk) {
     Log(Keel::Log::Error, kDayFileCreateFailed, day);
-    return false;
+    return Placement::kFail;
   }
-  info.setOnDiskSize(version, kDayFileHeaderSize);
-  indexed_size_ += kDayFileHeaderSize;
-  placement = Placement::kCreated;
-  return true;
+  info.setOnDiskSize(version, size);
+  indexed_size_ += size;
+  return Placement::kCreated;
 }
 
 bool StoreCatalog::RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on_disk_size) {
@@ -171,18 +195,18 @@ bool StoreCatalog::RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on
 }
 
 bool StoreCatalog::EvictOldest(uint16_t current_day) {
-  auto& tree = index_.tree();
   uint16_t* oldest_day = nullptr;
-  DayInfo* oldest = tree.GetMinUnsafe(oldest_day);
-
-  // The oldest loose file goes first unless an indexed day is older.
-  size_t loose = loose_.size();
+  DayInfo* oldest = index_.tree().GetMinUnsafe(oldest_day);
+  // Loose files oldest first; one that will not go is passed over.
+  std::vector<size_t> order;
   for (size_t i = 0; i < loose_.size(); ++i) {
-    if (loose_[i].day == current_day) continue;
-    if (loose == loose_.size() || loose_[i].day < loose_[loose].day) loose = i;
+    if (loose_[i].day != current_day) order.push_back(i);
   }
-  if (loose < loose_.size() && (oldest == nullptr || loose_[loose].day <= *oldest_day)) {
-    return EvictLoose(loose);
+  std::sort(order.begin(), order.end(),
+            [this](size_t a, size_t b) { return loose_[a].day < loose_[b].day; });
+  for (size_t i : order) {
+    if (oldest != nullptr && loose_[i].day > *oldest_day) break;
+    if (EvictLoose(i)) return true;
   }
   if (oldest == nullptr) {
     Log(Keel::Log::Error, kNoDayToEvict);
@@ -192,7 +216,28 @@ bool StoreCatalog::EvictOldest(uint16_t current_day) {
     Log(Keel::Log::Warning, kCurrentDayNotEvicted, current_day);
     return false;
   }
-  return EvictIndexedDay(*oldest_day, *oldest);
+  EvictIndexedDay(*oldest_day, *oldest);
+  return true;
+}
+
+bool StoreCatalog::EvictOldestDay(uint16_t current_day) {
+  uint16_t* oldest_day = nullptr;
+  DayInfo* oldest = index_.tree().GetMinUnsafe(oldest_day);
+  if (oldest == nullptr) {
+    Log(Keel::Log::Error, kNoDayToEvict);
+    return false;
+  }
+  if (*oldest_day == current_day) {
+    Log(Keel::Log::Warning, kCurrentDayNotEvicted, current_day);
+    return false;
+  }
+  const uint16_t day = *oldest_day;
+  // Loose files of that day or before are past the kept window as well.
+  for (size_t i = loose_.size(); i-- > 0;) {
+    if (loose_[i].day <= day) EvictLoose(i);
+  }
+  EvictIndexedDay(day, *oldest);
+  return true;
 }
 
 bool StoreCatalog::EvictLoose(size_t which) {
@@ -207,26 +252,32 @@ bool StoreCatalog::EvictLoose(size_t which) {
   return true;
 }
 
-bool StoreCatalog::EvictIndexedDay(uint16_t day, DayInfo& info) {
-  bool deleted = true;
+void StoreCatalog::EvictIndexedDay(uint16_t day, DayInfo& info) {
+  const uint64_t size = info.totalOnDiskSize();
+  std::vector<LooseFile> files;
   for (uint32_t i = 0; i < info.GetVersionCount(); ++i) {
-    uint8_t version = info.GetVersion(i)->version;
-    if (!FS::DeleteFile(DayFilePath(day, version))) {
-      Log(Keel::Log::Error, kDeleteFailed, day, version);
-      deleted = false;
-    }
+    const VersionInfo* version = info.GetVersion(i);
+    files.push_back({day, version->version, version->on_disk_size});
   }
-  // A file that could not be deleted stays indexed, so its bytes still count.
-  if (!deleted) return false;
-  uint64_t size = info.totalOnDiskSize();
   indexed_size_ -= std::min(indexed_size_, size);
   info.ClearAll();
   index_.tree().Erase(day);
+  // The index file stops naming the day before its files go: a crash between
+  // the two leaves files that nothing names (deleted later), never an index
+  // that names missing files.
+  const bool saved = index_.save(index_.last_event_timestamp());
+  for (const LooseFile& file : files) {
+    if (saved && FS::DeleteFile(DayFilePath(day, file.version))) continue;
+    // The day leaves the index all the same, so that storage goes on; the
+    // file stays loose, keeps counting toward the budget and is retried.
+    Log(Keel::Log::Error, kDeleteFailed, day, file.version, saved);
+    loose_.push_back(file);
+    loose_size_ += file.size;
+  }
   Log(Keel::Log::Information, kEvicted, day, size);
-  return true;
 }
 
-void StoreCatalog::AdoptLooseFile(uint16_t day, uint8_t version) {
+void StoreCatalog::ForgetLooseFile(uint16_t day, uint8_t version) {
   auto it = std::find_if(loose_.begin(), loose_.end(), [&](const LooseFile& f) {
     return f.day == day && f.version == version;
   });
@@ -237,8 +288,14 @@ void StoreCatalog::AdoptLooseFile(uint16_t day, uint8_t version) {
 
 bool StoreCatalog::Wipe() {
   std::vector<std::string> names;
-  bool ok = FS::ListDirectory(directory_, names);
-  if (!ok) Log(Keel::Log::Error, kWipeListFailed);
+  if (!FS::ListDirectory(directory_, names)) {
+    Log(Keel::Log::Error, kWipeListFailed);
+    return false;
+  }
+  // The index goes first, so that no crash leaves it naming deleted files.
+  std::stable_partition(names.begin(), names.end(),
+                        [](const std::string& name) { return name == Index::FILENAME; });
+  bool ok = true;
   for (const std::string& name : names) {
     uint16_t day = 0;
     uint8_t version = 0;
@@ -250,6 +307,8 @@ bool StoreCatalog::Wipe() {
       ok = false;
     }
   }
+  // A partial wipe fails the start: files left behind would be neither
+  // indexed nor counted.
   index_.clear();
   indexed_size_ = 0;
   loose_size_ = 0;

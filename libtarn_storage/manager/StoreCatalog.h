@@ -17,9 +17,14 @@ class Index;
 // limit is reached. It keeps the index and the files in agreement; the
 // manager calls it with the manager mutex held.
 //
-// Day files that no index entry names ("loose" files, left when the index was
-// lost) are never read or appended to; their bytes count toward the size
-// budget and eviction removes them before any younger indexed day.
+// Day files that no index entry names ("loose" files: left when the index was
+// lost, or when an evicted day's file could not be deleted) are not read at
+// start; their bytes count toward the size budget and eviction removes them
+// before any younger indexed day, retrying a failed delete each time. Two
+// kinds of unnamed file are read instead, because they hold blocks that were
+// written whole and only the index save after them was lost: a file of a day
+// newer than every indexed day (when the index itself was read fine), and a
+// file of the day the writer is about to append to.
 class StoreCatalog {
  public:
   struct LooseFile {
@@ -28,7 +33,9 @@ class StoreCatalog {
     uint64_t size;
   };
 
-  enum class Placement { kCreated = 0, kAppend = 1, kDrop = 2 };
+  // kDrop: the block can never be stored (empty, or larger than the whole
+  // budget). kFail: a file operation failed; the same block may fit later.
+  enum class Placement { kCreated = 0, kAppend = 1, kDrop = 2, kFail = 3 };
 
   explicit StoreCatalog(Index& index);
 
@@ -44,11 +51,16 @@ class StoreCatalog {
 
   // Start-up: makes the index name only blocks that lie whole on disk, puts
   // back complete blocks written after the last index save, cuts torn tails
-  // and lists the loose files. True when the index changed.
-  bool Reconcile();
+  // and lists the loose files. `index_was_read` says the index came from its
+  // file: only then can a file of a newer day be told from one whose index
+  // was lost. False (logged) when the directory or a file's size cannot be
+  // read: the store would not know what it holds. `changed` is set when the
+  // index changed.
+  bool Reconcile(bool index_was_read, bool& changed);
 
-  // Evicts oldest first while the store holds more than `max_days` days or
-  // more than `max_storage_size` bytes. `current_day` is never evicted.
+  // Evicts oldest first while the index holds more than `max_days` days or
+  // the store more than `max_storage_size` bytes. `current_day` is never
+  // evicted.
   void EnforceLimits(const Settings& settings, uint16_t current_day);
 
   // Decides where a block of `size` bytes for `day` goes and opens `file`
@@ -59,8 +71,15 @@ class StoreCatalog {
   // Records a block that was written and flushed whole.
   bool RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on_disk_size);
 
-  // Deletes the oldest day (a loose file first when it is not younger).
+  // Frees room: deletes the oldest loose file that is not younger than the
+  // oldest indexed day, else evicts that day. A loose file that cannot be
+  // deleted is passed over (and retried next time). False when nothing could
+  // be removed.
   bool EvictOldest(uint16_t current_day);
+  // Takes the oldest indexed day out of the index (for the day limit), with
+  // the loose files that are not younger. False when the oldest is
+  // `current_day` or there is none.
+  bool EvictOldestDay(uint16_t current_day);
 
   // Deletes every day file, the index file and the shutdown file, and
   // empties the index.
@@ -68,19 +87,24 @@ class StoreCatalog {
 
  private:
   DayInfo* FindOrAddDay(const Settings& settings, uint16_t day, bool& added);
-  bool OpenVersionForWriting(uint16_t day, DayInfo& info, Keel::OS::File& file,
-                             Placement& placement);
+  Placement OpenVersionForWriting(uint16_t day, DayInfo& info, Keel::OS::File& file);
+  Placement ReplaceUnusableFile(uint16_t day, DayInfo& info, Keel::OS::File& file);
   bool EvictLoose(size_t which);
-  bool EvictIndexedDay(uint16_t day, DayInfo& info);
-  void AdoptLooseFile(uint16_t day, uint8_t version);
+  void EvictIndexedDay(uint16_t day, DayInfo& info);
+  void ForgetLooseFile(uint16_t day, uint8_t version);
 
   // Reconciliation steps.
   void ReconcileDay(uint16_t day, DayInfo& info, const std::vector<LooseFile>& files,
                     bool& changed);
-  bool ReconcileVersion(uint16_t day, DayInfo& info, uint8_t version, uint64_t file_size,
+  bool AdoptNewerDay(const LooseFile& file);
+  // Makes the blocks of `version` that the index names agree with the file
+  // the reader has open: drops the first that does not lie whole in it with
+  // every later one, puts back whole blocks that follow the last named one,
+  // and cuts a torn tail. Returns the version's size on disk, or 0 when a
+  // read failed or a torn tail could not be cut: the file then cannot take
+  // blocks at its end, and nothing in it was dropped or cut.
+  uint64_t AlignVersion(uint16_t day, DayInfo& info, uint8_t version, class DayFileReader& reader,
                         bool& changed);
-  bool RecoverTrailingBlocks(uint16_t day, DayInfo& info, Keel::OS::File& file,
-                             uint64_t& end, uint64_t file_size);
 
   Index& index_;
   std::string directory_;

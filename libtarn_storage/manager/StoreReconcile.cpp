@@ -12,6 +12,7 @@
 #include "Keel/Log.h"
 #include "Keel/OS/FileSystem.h"
 #include "manager/DayFile.h"
+#include "manager/DayFileReader.h"
 #include "manager/EventsBlock.h"
 #include "manager/Index.h"
 #include "manager/StorageHelper.h"
@@ -32,6 +33,8 @@ enum Message : uint32_t {
   kTailCutFailed = 7,
   kLooseFile = 8,
   kDayDropped = 9,
+  kSizeFailed = 10,
+  kVersionFileUnreadable = 11,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -48,7 +51,7 @@ const StoreCatalog::LooseFile* FindFile(const std::vector<StoreCatalog::LooseFil
 
 }  // namespace
 
-bool StoreCatalog::Reconcile() {
+bool StoreCatalog::Reconcile(bool index_was_read, bool& changed) {
   std::vector<std::string> names;
   if (!FS::ListDirectory(directory_, names)) {
     Log(Keel::Log::Error, kListFailed);
@@ -60,7 +63,11 @@ bool StoreCatalog::Reconcile() {
     uint8_t version = 0;
     uint64_t size = 0;
     if (!Utils::IsStorageFile(name.c_str(), false, day, version)) continue;
-    if (!FS::GetFileSize(PathOf(name.c_str()), size)) continue;
+    if (!FS::GetFileSize(PathOf(name.c_str()), size)) {
+      // A file the store cannot size would escape the budget.
+      Log(Keel::Log::Error, kSizeFailed, day, version);
+      return false;
+    }
     files.push_back({day, version, size});
   }
 
@@ -73,7 +80,6 @@ bool StoreCatalog::Reconcile() {
       },
       nullptr, false);
 
-  bool changed = false;
   indexed_size_ = 0;
   for (uint16_t day : days) {
     DayInfo* info = tree.SearchUnsafe(day);
@@ -89,16 +95,25 @@ bool StoreCatalog::Reconcile() {
     indexed_size_ += info->totalOnDiskSize();
   }
 
+  uint16_t* newest = nullptr;
+  const bool empty = tree.GetMaxUnsafe(newest) == nullptr;
+  const uint32_t newest_day = empty ? 0 : *newest;
   loose_.clear();
   loose_size_ = 0;
   for (const LooseFile& f : files) {
     DayInfo* info = tree.SearchUnsafe(f.day);
     if (info != nullptr && info->HasVersion(f.version)) continue;
+    // Newer than every indexed day: the index save after its blocks was lost.
+    if (index_was_read && f.version == DayInfo::kInitialVersion && info == nullptr &&
+        (empty || f.day > newest_day) && AdoptNewerDay(f)) {
+      changed = true;
+      continue;
+    }
     Log(Keel::Log::Warning, kLooseFile, f.day, f.version, f.size);
     loose_.push_back(f);
     loose_size_ += f.size;
   }
-  return changed;
+  return true;
 }
 
 void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, const std::vector<LooseFile>& files,
@@ -108,13 +123,21 @@ void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, const std::vector<L
     versions.push_back(info.GetVersion(i)->version);
   }
   for (uint8_t version : versions) {
-    const LooseFile* file = FindFile(files, day, version);
-    if (file == nullptr) {
+    DayFileReader reader;
+    DayFileCheck check = DayFileCheck::ReadFailed;
+    if (FindFile(files, day, version) == nullptr) {
       Log(Keel::Log::Warning, kVersionFileMissing, day, version);
-    } else if (ReconcileVersion(day, info, version, file->size, changed)) {
+    } else if (reader.Open(DayFilePath(day, version), check, Keel::OS::File::Mode::ReadWrite)) {
+      uint64_t end = AlignVersion(day, info, version, reader, changed);
+      info.setOnDiskSize(version, end != 0 ? end : reader.Size());
+      continue;
+    } else if (check == DayFileCheck::ReadFailed) {
+      // The file may be whole: its blocks stay named, its bytes counted.
+      Log(Keel::Log::Error, kVersionFileUnreadable, day, version);
+      info.setOnDiskSize(version, FindFile(files, day, version)->size);
       continue;
     } else {
-      Log(Keel::Log::Warning, kVersionFileUnusable, day, version);
+      Log(Keel::Log::Warning, kVersionFileUnusable, day, version, static_cast<uint32_t>(check));
     }
     uint32_t before = info.GetBlockCount();
     info.ClearVersion(version);
@@ -122,71 +145,70 @@ void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, const std::vector<L
   }
 }
 
-bool StoreCatalog::ReconcileVersion(uint16_t day, DayInfo& info, uint8_t version,
-                                    uint64_t file_size, bool& changed) {
-  Keel::OS::File file;
-  DayFileCheck check = DayFileCheck::TooShort;
-  if (!file.Open(DayFilePath(day, version), Keel::OS::File::Mode::ReadWrite) ||
-      !ReadDayFileHeader(file, check) || check != DayFileCheck::Ok) {
+bool StoreCatalog::AdoptNewerDay(const LooseFile& file) {
+  DayFileReader reader;
+  DayFileCheck check = DayFileCheck::ReadFailed;
+  if (!reader.Open(DayFilePath(file.day, file.version), check, Keel::OS::File::Mode::ReadWrite)) {
     return false;
   }
+  DayInfo fresh;
+  if (!fresh.Create() || !index_.tree().Insert(file.day, std::move(fresh))) return false;
+  DayInfo* info = index_.tree().SearchUnsafe(file.day);
+  bool changed = false;
+  uint64_t end = info != nullptr ? AlignVersion(file.day, *info, file.version, reader, changed) : 0;
+  if (info == nullptr || info->GetBlockCount() == 0 || end == 0) {
+    // Nothing whole in it (or its tail would not go): left for the writer.
+    index_.tree().Erase(file.day);
+    return false;
+  }
+  info->setOnDiskSize(file.version, end);
+  indexed_size_ += end;
+  return true;
+}
 
-  // Indexed blocks of this file must follow one another and lie inside it;
+uint64_t StoreCatalog::AlignVersion(uint16_t day, DayInfo& info, uint8_t version,
+                                    DayFileReader& reader, bool& changed) {
+  // Indexed blocks must follow one another and lie whole inside the file;
   // the first that does not is dropped with every later one.
   uint64_t end = kDayFileHeaderSize;
   for (uint32_t i = 0; i < info.GetBlockCount(); ++i) {
     const BlockInfo* block = info.GetBlock(i);
     if (block->version != version) continue;
     BlockHeader header;
-    if (block->block_offset < end ||
-        !ReadBlockHeader(file, block->block_offset, file_size, header)) {
-      Log(Keel::Log::Warning, kBlockBeyondFile, day, block->block_offset, file_size);
+    if (block->block_offset >= end && !reader.ReadHeader(block->block_offset, header) &&
+        reader.io_error()) {
+      return 0;  // nothing is dropped or cut on a failed read
+    }
+    if (block->block_offset < end || !reader.ReadHeader(block->block_offset, header)) {
+      Log(Keel::Log::Warning, kBlockBeyondFile, day, block->block_offset, reader.Size());
       info.DropBlocksFrom(i, version);
       changed = true;
       break;
     }
     end = static_cast<uint64_t>(block->block_offset) + kBlockHeaderSize + header.stored_size;
   }
+  // Only version 2 is written to, so only it can have blocks nobody indexed.
+  if (version != DayInfo::kInitialVersion) return reader.Size();
 
-  if (version == DayInfo::kInitialVersion) {
-    changed |= RecoverTrailingBlocks(day, info, file, end, file_size);
-    if (file_size > end) {
-      if (!file.Truncate(end) || !file.Flush()) {
-        Log(Keel::Log::Error, kTailCutFailed, day, end, file_size);
-        end = file_size;  // keep counting what is really there
-      } else {
-        Log(Keel::Log::Warning, kTailCut, day, end, file_size);
-      }
+  end = reader.Walk(end, [&](const WalkedBlock& block) {
+    if (!block.decoded) return false;
+    const uint32_t count = block.view.EventCount();
+    BlockInfo recovered{static_cast<uint32_t>(block.offset), count, block.view.Second(0),
+                        block.view.Second(count - 1), version};
+    if (!info.AddBlock(recovered)) return false;
+    Log(Keel::Log::Warning, kBlockRecovered, day, block.offset, count);
+    changed = true;
+    return true;
+  });
+  if (reader.io_error()) return 0;
+  if (reader.Size() > end) {
+    if (!reader.file().Truncate(end) || !reader.file().Flush()) {
+      Log(Keel::Log::Error, kTailCutFailed, day, end, reader.Size());
+      return 0;
     }
-  } else {
-    end = file_size;
+    Log(Keel::Log::Warning, kTailCut, day, end, reader.Size());
   }
-  info.setOnDiskSize(version, end);
-  return true;
-}
-
-bool StoreCatalog::RecoverTrailingBlocks(uint16_t day, DayInfo& info, Keel::OS::File& file,
-                                         uint64_t& end, uint64_t file_size) {
-  Keel::Collections::Buffer payload;
-  Keel::Collections::Buffer raw;
-  bool recovered = false;
-  while (end + kBlockHeaderSize <= file_size) {
-    BlockHeader header;
-    if (!ReadBlockHeader(file, end, file_size, header) ||
-        !ReadBlockPayload(file, end, header, payload) || !DecodeBlock(payload, header, raw)) {
-      break;
-    }
-    RawBlockView view(raw.Data(), header.raw_size, header.table_offset);
-    uint32_t count = view.EventCount();
-    if (count == 0) break;
-    BlockInfo block{static_cast<uint32_t>(end), count, view.Second(0), view.Second(count - 1),
-                    DayInfo::kInitialVersion};
-    if (!info.AddBlock(block)) break;
-    Log(Keel::Log::Warning, kBlockRecovered, day, end, count);
-    end += kBlockHeaderSize + header.stored_size;
-    recovered = true;
-  }
-  return recovered;
+  return end;
 }
 
 }  // namespace Tarn::Storage

@@ -36,6 +36,7 @@ enum Message : uint32_t {
   kProviderCreateFailed = 12,
   kBadQueryRecord = 13,
   kQueryFailed = 14,
+  kNotAStorageQuery = 15,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0) {
@@ -160,8 +161,12 @@ bool Storage::HandleQuery(Events::Objects::Base& event, Events::ExternalData* da
     return false;
   }
   if (event.TypeId() == kStorageQueryType) {
-    // A type-186 event is always the request object itself.
-    return provider_.HandleQuery(static_cast<Events::Objects::StorageQuery*>(&event), data);
+    Events::Objects::StorageQuery* request = Events::Objects::StorageQuery::From(event);
+    if (request == nullptr) {
+      Log(Keel::Log::Error, kNotAStorageQuery, event.Size());
+      return false;
+    }
+    return provider_.HandleQuery(request, data);
   }
   Tarn::Storage::OSQuery::Query query;
   if (!Tarn::Storage::OSQuery::Query::FromRecord(event, query)) {

@@ -74,7 +74,7 @@ TEST_F(DayFileTest, EachHeaderFaultIsRejectedWithItsOwnRecord) {
     LogCapture log;
     File file;
     uint64_t size = 99;
-    EXPECT_FALSE(OpenDayFileForAppend(Path(), file, size)) << c.position;
+    EXPECT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kBadHeader) << c.position;
     EXPECT_FALSE(file.IsOpen());
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(CheckDayFileHeader(reinterpret_cast<const uint8_t*>(header.data()), 20), c.expected)
@@ -89,7 +89,7 @@ TEST_F(DayFileTest, EachHeaderFaultIsRejectedWithItsOwnRecord) {
   WriteWholeFile(Path(), kHeader.substr(0, 19));
   File file;
   uint64_t size = 0;
-  EXPECT_FALSE(OpenDayFileForAppend(Path(), file, size));
+  EXPECT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kBadHeader);
   EXPECT_EQ(CheckDayFileHeader(reinterpret_cast<const uint8_t*>(kHeader.data()), 19),
             DayFileCheck::TooShort);
   EXPECT_EQ(CheckDayFileHeader(nullptr, 20), DayFileCheck::TooShort);
@@ -100,19 +100,30 @@ TEST_F(DayFileTest, AppendingKeepsBlocksAndGivesAnEmptyFileAFreshHeader) {
   WriteWholeFile(Path(), kHeader + "0123456789");
   File file;
   uint64_t size = 0;
-  ASSERT_TRUE(OpenDayFileForAppend(Path(), file, size));
+  ASSERT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kOk);
   EXPECT_EQ(size, 30u);
   EXPECT_EQ(ReadWholeFile(Path()), kHeader + "0123456789");
 
   WriteWholeFile(Path(), "");
-  ASSERT_TRUE(OpenDayFileForAppend(Path(), file, size));
+  ASSERT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kOk);
   EXPECT_EQ(size, kDayFileHeaderSize);
   EXPECT_EQ(ReadWholeFile(Path()), kHeader);
 
   LogCapture log;
-  EXPECT_FALSE(OpenDayFileForAppend(dir_.File("storage.00002.002.db"), file, size));
+  EXPECT_EQ(OpenDayFileForAppend(dir_.File("storage.00002.002.db"), file, size),
+            AppendOpen::kIoError);
   EXPECT_FALSE(file.IsOpen());
   EXPECT_FALSE(log.Empty());
+  ASSERT_EQ(OpenDayFileForAppend(dir_.File("storage.00002.002.db"), file, size, true),
+            AppendOpen::kOk);
+  EXPECT_EQ(ReadWholeFile(dir_.File("storage.00002.002.db")), kHeader);
+
+  // A header that cannot be read is not a bad header: the file may be whole.
+  for (uint32_t operation : {Faults::Open, Faults::Stat, Faults::Read}) {
+    Faults::AddRule({"storage.00001", operation, 1, Faults::Eio, 1});
+    EXPECT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kIoError) << operation;
+    Faults::ClearRules();
+  }
 }
 
 TEST_F(DayFileTest, FailedCreationLeavesAFileThatCanStillBeUsed) {
@@ -128,7 +139,7 @@ TEST_F(DayFileTest, FailedCreationLeavesAFileThatCanStillBeUsed) {
       EXPECT_EQ(ReadWholeFile(Path()), "");
       uint64_t size = 0;
       if (operation != Faults::Open) {
-        ASSERT_TRUE(OpenDayFileForAppend(Path(), file, size));
+        ASSERT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kOk);
         EXPECT_EQ(ReadWholeFile(Path()), kHeader);
         WriteWholeFile(Path(), "");
       }
@@ -141,7 +152,7 @@ TEST_F(DayFileTest, FailedCreationLeavesAFileThatCanStillBeUsed) {
   Faults::AddRule({"storage.00001", Faults::Write, 1, Faults::ShortWrite, 1});
   File file;
   uint64_t size = 7;
-  EXPECT_FALSE(OpenDayFileForAppend(Path(), file, size));
+  EXPECT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kIoError);
   EXPECT_EQ(size, 0u);
   EXPECT_EQ(ReadWholeFile(Path()), "");
 }

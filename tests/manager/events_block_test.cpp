@@ -11,7 +11,7 @@
 #include "Keel/OS/File.h"
 #include "block_samples.h"
 #include "manager/DayFile.h"
-#include "manager/LittleEndian.h"
+#include "Tarn/Events/Record.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -191,7 +191,7 @@ TEST_F(EventsBlockTest, BlocksWrittenOneAfterAnotherReadBackEqual) {
   Faults::SimulatePowerCut();
 
   uint64_t size = 0;
-  ASSERT_TRUE(OpenDayFileForAppend(Path(), file, size));
+  ASSERT_EQ(OpenDayFileForAppend(Path(), file, size), AppendOpen::kOk);
   EXPECT_EQ(size, offset);
   std::vector<std::string> read = ReadAll(file);
   ASSERT_EQ(read.size(), blocks.size());
@@ -316,7 +316,7 @@ TEST_F(EventsBlockTest, DamagedBlocksFailToDecodeCleanly) {
   // A stream that decodes fine but carries a broken table is refused too;
   // bits above the second are ignored. Entries: (0, 500) (200, 501) (300, 502).
   auto set_word = [](Buffer& b, uint32_t entry, uint32_t word, uint32_t value) {
-    LittleEndian::Store32(b.Data() + 600 + entry * 8 + word * 4, value);
+    Events::Record::StoreUInt32(b.Data() + 600 + entry * 8 + word * 4, value);
   };
   struct Damage {
     uint32_t entry, word, value;

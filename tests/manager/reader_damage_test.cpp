@@ -8,7 +8,7 @@
 #include <set>
 
 #include "Tarn/Events/GenericEventHolder.h"
-#include "manager/LittleEndian.h"
+#include "Tarn/Events/Record.h"
 #include "reader_fixture.h"
 #include "support/log_capture.h"
 
@@ -23,7 +23,7 @@ using tarn::test::WriteWholeFile;
 constexpr uint32_t kBlockA = 20;
 
 uint32_t Word(const std::string& bytes, uint32_t at) {
-  return LittleEndian::Load32(reinterpret_cast<const uint8_t*>(bytes.data()) + at);
+  return Events::Record::LoadUInt32(reinterpret_cast<const uint8_t*>(bytes.data()) + at);
 }
 uint32_t BlockB(const std::string& file) { return kBlockA + 12 + Word(file, kBlockA); }
 
@@ -116,7 +116,7 @@ INSTANTIATE_TEST_SUITE_P(
         Damage{"FrameDisagreesWithTheIndex",
                [](std::string& f) {
                  uint32_t table = Word(f, kBlockA + 8) - 8;  // one more entry than indexed
-                 LittleEndian::Store32(reinterpret_cast<uint8_t*>(&f[kBlockA + 8]), table);
+                 Events::Record::StoreUInt32(reinterpret_cast<uint8_t*>(&f[kBlockA + 8]), table);
                },
                {0}},
         Damage{"HeaderVersionDiffersFromTheName", [](std::string& f) { f[8] = 1; }, {0, 1}},

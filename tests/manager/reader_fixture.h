@@ -84,19 +84,21 @@ class ReaderStore {
     return Cut();
   }
 
-  // Leaves `day` in the index with no block: the writer cannot create its
-  // file, so the day is added and its block dropped.
+  // Leaves `day` in the index with no block: its file holds only a header.
   bool EmptyDay(uint16_t day) {
     if (!Cut()) return false;
     Keel::OS::Faults::Rule rule;
     rule.path_contains = Tarn::Storage::Utils::DayFileName(day, 2);
-    rule.operations = Keel::OS::Faults::Open;
+    // The file gets its header; the block after it fails and is lost, which
+    // Flush reports.
+    rule.operations = Keel::OS::Faults::Write;
+    rule.nth = 2;
     rule.times = Keel::OS::Faults::Rule::kForever;
     int id = Keel::OS::Faults::AddRule(rule);
     clock_.SetDay(day, 1);
     std::vector<uint8_t> record = MakeEvent(0xFFFF, 100);
     Tarn::Events::Objects::Base event(record.data(), record.size());
-    bool ok = manager_->AddEvent(event) && manager_->Flush();
+    bool ok = manager_->AddEvent(event) && !manager_->Flush();
     Keel::OS::Faults::RemoveRule(id);
     return ok;
   }

@@ -22,6 +22,7 @@ namespace {
 using Storage::BlockHeader;
 using Storage::BlockInfo;
 using Storage::RawBlockView;
+using Storage::WalkedBlock;
 
 struct ScannedFile {
   uint16_t day = 0;
@@ -53,16 +54,15 @@ bool ScanFile(const std::string& directory, const DayFileEntry& file, ScannedFil
   }
   scanned.day = file.day;
   scanned.version = file.version;
-  uint64_t offset = Storage::kDayFileHeaderSize;
-  Keel::Collections::Buffer raw;
-  BlockHeader header;
-  while (reader.ReadHeader(offset, header)) {
-    uint64_t next = offset + Storage::kBlockHeaderSize + header.stored_size;
-    if (reader.Decode(offset, header, raw)) {
-      RawBlockView view(raw.Data(), header.raw_size, header.table_offset);
+  // A block that does not decode is passed over while its header still says
+  // where the next one starts.
+  uint64_t done_before = done;
+  const uint64_t offset = reader.Walk(Storage::kDayFileHeaderSize, [&](const WalkedBlock& block) {
+    if (block.decoded) {
+      const RawBlockView& view = block.view;
       uint32_t count = view.EventCount();
-      scanned.blocks.push_back(BlockInfo{static_cast<uint32_t>(offset), count, view.Second(0),
-                                         view.Second(count - 1), file.version});
+      scanned.blocks.push_back(BlockInfo{static_cast<uint32_t>(block.offset), count,
+                                         view.Second(0), view.Second(count - 1), file.version});
       scanned.events += count;
       totals.newest =
           std::max(totals.newest, Storage::ToEpochSeconds(file.day, view.Second(count - 1)));
@@ -70,13 +70,13 @@ bool ScanFile(const std::string& directory, const DayFileEntry& file, ScannedFil
       std::printf(
           "lost     %s: the block at offset %llu does not decode; its events are not "
           "indexed\n",
-          file.name.c_str(), static_cast<unsigned long long>(offset));
+          file.name.c_str(), static_cast<unsigned long long>(block.offset));
       ++totals.lost_blocks;
     }
-    done += next - offset;
+    done = done_before + block.End() - Storage::kDayFileHeaderSize;
     progress.Update(done);
-    offset = next;
-  }
+    return true;
+  });
   scanned.end = offset;
   if (scanned.blocks.empty()) {
     std::printf(

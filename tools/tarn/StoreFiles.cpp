@@ -89,23 +89,6 @@ uint64_t IndexedBlocks(Storage::Index& index) {
   return blocks;
 }
 
-bool DayFileReader::Open(const std::string& path, DayFileCheck& check) {
-  check = DayFileCheck::TooShort;
-  file_.Close();
-  if (!file_.Open(path, Keel::OS::File::Mode::Read) || !file_.GetSize(size_)) return false;
-  return Storage::ReadDayFileHeader(file_, check) && check == DayFileCheck::Ok;
-}
-
-bool DayFileReader::ReadHeader(uint64_t offset, BlockHeader& header) {
-  return Storage::ReadBlockHeader(file_, offset, size_, header);
-}
-
-bool DayFileReader::Decode(uint64_t offset, const BlockHeader& header,
-                           Keel::Collections::Buffer& raw) {
-  return Storage::ReadBlockPayload(file_, offset, header, payload_) &&
-         Storage::DecodeBlock(payload_, header, raw);
-}
-
 int64_t NewestStoredMs(const std::string& directory) {
   uint64_t newest = 0;  // epoch seconds
   Storage::Index index;

@@ -11,6 +11,7 @@
 #include "Keel/Collections/Buffer.h"
 #include "Keel/OS/File.h"
 #include "manager/DayFile.h"
+#include "manager/DayFileReader.h"
 #include "manager/EventsBlock.h"
 #include "manager/Index.h"
 
@@ -48,24 +49,8 @@ IndexState LoadIndexFile(const std::string& directory, Storage::Index& index, ui
 // Blocks the loaded index holds, over every day.
 uint64_t IndexedBlocks(Storage::Index& index);
 
-// One day file opened for reading its blocks.
-class DayFileReader {
- public:
-  // Opens the file and checks its 20-byte header (`check` says how it went).
-  bool Open(const std::string& path, Storage::DayFileCheck& check);
-  uint64_t Size() const { return size_; }
-  // The block header at `offset`; false when it or its payload would pass
-  // the end of the file or its sizes are not a block's.
-  bool ReadHeader(uint64_t offset, Storage::BlockHeader& header);
-  // Reads and decodes the block: `raw` then holds its records and entry
-  // table. False when the bytes do not decode (checksum, sizes, table).
-  bool Decode(uint64_t offset, const Storage::BlockHeader& header, Keel::Collections::Buffer& raw);
-
- private:
-  Keel::OS::File file_;
-  uint64_t size_ = 0;
-  Keel::Collections::Buffer payload_;
-};
+// Day files are read through the store's own reader.
+using Storage::DayFileReader;
 
 // The newest stored time the store knows of, in milliseconds: the index's
 // last event time, its blocks' last seconds, the block waiting in

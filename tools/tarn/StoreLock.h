@@ -2,10 +2,12 @@
 
 #include <string>
 
+#include "Keel/OS/File.h"
+
 namespace Tarn::Tool {
 
-// The store's own lock: an exclusive flock on "storage.lock" in the storage
-// directory, which the running store holds for its whole life. The tool
+// The store's own lock: an exclusive lock on the manager's lock file in the
+// storage directory, which the running store holds for its whole life. The tool
 // takes it to learn whether another process has the store open, and holds it
 // while its offline commands read or rewrite the files.
 class StoreLock {
@@ -25,7 +27,7 @@ class StoreLock {
   void Release();
 
  private:
-  int fd_ = -1;
+  Keel::OS::File file_;
 };
 
 }  // namespace Tarn::Tool

@@ -27,6 +27,7 @@ const char* CheckName(DayFileCheck check) {
   switch (check) {
     case DayFileCheck::Ok: return "ok";
     case DayFileCheck::TooShort: return "shorter than its 20-byte header";
+    case DayFileCheck::ReadFailed: return "cannot be read";
     case DayFileCheck::BadMagic: return "does not begin with ETRN";
     case DayFileCheck::BadReserved: return "has nonzero reserved header bytes";
     case DayFileCheck::BadVersion: return "has an unknown format version";
@@ -150,7 +151,7 @@ void Verifier::CheckVersion(uint16_t day, Storage::DayInfo& info, uint8_t versio
     return;
   }
   DayFileReader reader;
-  DayFileCheck check = DayFileCheck::TooShort;
+  DayFileCheck check = DayFileCheck::ReadFailed;
   if (!reader.Open(directory_ + "/" + name, check)) {
     Fault(name + " " + CheckName(check));
     return;
@@ -258,6 +259,9 @@ void Verifier::CheckFinal() {
   switch (Storage::ReadFinalFile(directory_ + "/" + Storage::Utils::kFinalFileName, raw,
                                  table_offset, count, day)) {
     case Storage::FinalFileState::Absent: return;
+    case Storage::FinalFileState::ReadFailed:
+      Fault("storage.final.db cannot be read: the store keeps it and takes it back when it can");
+      return;
     case Storage::FinalFileState::Incomplete:
       Fault(
           "storage.final.db was never completely written: the events of the block that was "

@@ -31,27 +31,34 @@ constexpr uint32_t kDoNotStoreFlag = 1u << 26;
 constexpr uint32_t kStorageQueryType = 186;
 constexpr uint32_t kQueryRecordType = 221;
 
+// Fixed-width little-endian fields of records and of the store's files,
+// whatever the host's byte order (compilers turn these into plain moves).
 inline uint16_t LoadUInt16(const uint8_t* p) {
-  uint16_t v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
+  return static_cast<uint16_t>(p[0] | (p[1] << 8));
 }
 
 inline uint32_t LoadUInt32(const uint8_t* p) {
-  uint32_t v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
+  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
 }
 
 inline uint64_t LoadUInt64(const uint8_t* p) {
-  uint64_t v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
+  return LoadUInt32(p) | (static_cast<uint64_t>(LoadUInt32(p + 4)) << 32);
 }
 
-inline void StoreUInt16(uint8_t* p, uint16_t v) { std::memcpy(p, &v, sizeof v); }
-inline void StoreUInt32(uint8_t* p, uint32_t v) { std::memcpy(p, &v, sizeof v); }
-inline void StoreUInt64(uint8_t* p, uint64_t v) { std::memcpy(p, &v, sizeof v); }
+inline void StoreUInt16(uint8_t* p, uint16_t v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+}
+
+inline void StoreUInt32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+inline void StoreUInt64(uint8_t* p, uint64_t v) {
+  StoreUInt32(p, static_cast<uint32_t>(v));
+  StoreUInt32(p + 4, static_cast<uint32_t>(v >> 32));
+}
 
 // Length of the record that starts at `data`, taken from its size field, when
 // that length is a whole header or more and lies within the `available`

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "Tarn/Events/Base.h"
@@ -32,6 +33,20 @@ class StorageQuery : public Base {
   StorageQuery(const StorageQuery&) = delete;
   StorageQuery& operator=(const StorageQuery&) = delete;
 
+  // The request `event` is, or null when it is some other object that only
+  // carries type 186 (a stored record, a host's own event). A StorageQuery's
+  // view points into the object itself at a fixed distance, which no record
+  // held elsewhere does; only addresses are compared, so nothing is read
+  // from an object that is not a StorageQuery.
+  static StorageQuery* From(Base& event) {
+    const auto* self = reinterpret_cast<const uint8_t*>(&event);
+    if (event.TypeId() != Record::kStorageQueryType || event.Size() != Record::kHeaderSize ||
+        event.Data() != self + HeaderDistance()) {
+      return nullptr;
+    }
+    return static_cast<StorageQuery*>(&event);
+  }
+
   uint8_t kind = 0;
   uint64_t time_ms = 0;
   uint64_t position = ~0ull;  // all ones: none
@@ -40,6 +55,14 @@ class StorageQuery : public Base {
   uint32_t copied = 0;  // bytes written to `destination`; 0 when nothing was
 
  private:
+  static std::ptrdiff_t HeaderDistance() {
+    static const std::ptrdiff_t distance = [] {
+      const StorageQuery probe;
+      return probe.Data() - reinterpret_cast<const uint8_t*>(static_cast<const Base*>(&probe));
+    }();
+    return distance;
+  }
+
   uint8_t header_[Record::kHeaderSize] = {};
 };
 
