@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the benchmarks need.
+# Installs the Debian packages the build, the tests, the sanitizer builds,
+# the fuzzers and the benchmarks need.
 # Idempotent and non-interactive: asks apt only for what is missing, and runs
 # `apt-get update` only when something is.
 set -euo pipefail
@@ -15,6 +16,9 @@ packages=(
   libsqlite3-dev
   libcli11-dev
   librocksdb-dev
+  # The sanitizer build and the fuzzers: clang, its sanitizer runtimes (only
+  # recommended by clang, which this script does not install) and libFuzzer.
+  clang libclang-rt-14-dev libfuzzer-14-dev
 )
 
 missing=()

@@ -2,6 +2,8 @@
 // mutex, so they use the tree's unlocked accessors; none of them opens a
 // block: the index's event counts are enough to step.
 
+#include <algorithm>
+
 #include "Keel/Log.h"
 #include "manager/EventStorageProvider.h"
 #include "manager/Index.h"
@@ -37,6 +39,13 @@ void Log(Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
 }
 
 RawIterator& PositionOf(void* context) { return *static_cast<RawIterator*>(context); }
+
+// Events a position can name in a block. The index keeps 25 bits of event
+// count but a position only 24 of event number: stepping past event
+// 0xFFFFFF inside the block would wrap to its event 0 and walk for ever.
+uint32_t NamedEvents(const BlockInfo& block) {
+  return std::min(block.events_count, EventStorageProvider::kEventIndexEnd);
+}
 
 // The day count is read on its own under the tree's lock, if it has one.
 bool HasDays(Index& index) {
@@ -101,7 +110,7 @@ bool LastOfDay(Index& index, RBTIterator node, RawIterator& result) {
     Log(kPreviousDayEmpty, *day, count);
     return false;
   }
-  result = RawIterator(*day, count - 1, last->events_count - 1);
+  result = RawIterator(*day, count - 1, NamedEvents(*last) - 1);
   return true;
 }
 
@@ -140,7 +149,7 @@ bool EventStorageProvider::GetLastIterValProcessor(Index& index, void* context) 
           Log(kLastBlockEmpty, day, count);
           return false;
         }
-        result = RawIterator(day, count - 1, last->events_count - 1);
+        result = RawIterator(day, count - 1, NamedEvents(*last) - 1);
         stop = true;
         return true;
       },
@@ -161,7 +170,7 @@ bool EventStorageProvider::IncrementProcessor(Index& index, void* context) {
   const BlockInfo* block = nullptr;
   if (!LocateBlock(index, at, info, block)) return false;
 
-  if (at.Event() + 1 < block->events_count) {
+  if (at.Event() + 1 < NamedEvents(*block)) {
     result = RawIterator(at.Day(), at.Block(), at.Event() + 1);
     return true;
   }
@@ -197,7 +206,7 @@ bool EventStorageProvider::DecrementProcessor(Index& index, void* context) {
       Log(kPreviousBlockEmpty, at.Day(), at.Block() - 1);
       return false;
     }
-    result = RawIterator(at.Day(), at.Block() - 1, previous->events_count - 1);
+    result = RawIterator(at.Day(), at.Block() - 1, NamedEvents(*previous) - 1);
     return true;
   }
   RBTIterator here = index.tree().Find(at.Day());

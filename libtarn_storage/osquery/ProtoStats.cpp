@@ -3,6 +3,7 @@
 #include <google/protobuf/arena.h>
 #include <google/protobuf/message.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "Keel/Log.h"
@@ -81,8 +82,10 @@ bool Walk(EventStorageProvider& provider, StoreStats& stats) {
         Count(Events::Objects::Base(record, size), all, arena, stats);
       }
     }
-    const uint32_t count = block->EventCount();
-    p = RawIterator(at.Day(), at.Block(), count == 0 ? 0 : count - 1);
+    // From the last event a position can name: past 0xFFFFFF the event
+    // number would wrap and bring the walk back into this block.
+    const uint32_t named = std::min(block->EventCount(), EventStorageProvider::kEventIndexEnd);
+    p = RawIterator(at.Day(), at.Block(), named == 0 ? 0 : named - 1);
     provider.Increment(p);
   }
   return true;

@@ -35,7 +35,7 @@ constexpr uint32_t kWidestAux = Bounds::kAuxEnd - 1;
 constexpr uint32_t kConstraintsRefusedFirst = 1;
 constexpr uint32_t kConstraintsRefusedLast = 6;
 constexpr uint32_t kScanNoBlockVersion = 131;
-constexpr uint32_t kScanBlockUnavailable = 132;
+[[maybe_unused]] constexpr uint32_t kScanBlockUnavailable = 132;  // within the range tested
 constexpr uint32_t kScanNoEvent = 133;
 
 uint32_t LoadUInt32(const char* p) {

@@ -15,7 +15,6 @@ namespace {
 using Storage::OSQuery::TableInfo;
 
 constexpr int64_t kHourMs = 3'600'000;
-constexpr int64_t kDayMs = 86'400'000;
 
 // Activity by hour of the day (UTC, taken as the endpoint's local time):
 // quiet at night, busy in office hours.

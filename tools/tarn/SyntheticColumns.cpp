@@ -648,7 +648,8 @@ std::string ColumnFiller::Text(uint16_t rule, EventContext& c) {
     }
     case kExtraValues:
       return list([&](uint32_t i) -> std::string {
-        std::string_view key = i < c.keys.size() ? c.keys[i] : "rule";
+        // Both arms views: a std::string arm would make the view dangle.
+        std::string_view key = i < c.keys.size() ? std::string_view(c.keys[i]) : "rule";
         if (key == "technique") return "T1059.001";
         if (key == "parent_image") return o.path;
         if (key == "score") return std::to_string(r.Between(40, 99));

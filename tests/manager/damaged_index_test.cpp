@@ -1,0 +1,71 @@
+// Stores whose index file was damaged into values the writer never makes,
+// reopened and walked through the reader. Each case comes from an input
+// that once made the reader misbehave.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "manager/Index.h"
+#include "reader_fixture.h"
+
+namespace Tarn::Storage {
+namespace {
+
+using tarn::test::ReadWholeFile;
+using tarn::test::ReaderStore;
+using tarn::test::WriteWholeFile;
+
+// Rewrites the event count of the index file's record `record`.
+void SetIndexedCount(const std::string& directory, uint32_t record, uint32_t count) {
+  const std::string path = directory + "/" + Index::FILENAME;
+  std::string bytes = ReadWholeFile(path);
+  const size_t packed = Index::kHeaderSize + size_t{record} * Index::kRecordSize + 7;
+  ASSERT_LE(packed + 8, bytes.size());
+  uint64_t value = 0;
+  for (int i = 7; i >= 0; --i) value = value << 8 | static_cast<uint8_t>(bytes[packed + i]);
+  value = (value & ~uint64_t{0x1FFFFFF}) | count;
+  for (int i = 0; i < 8; ++i) bytes[packed + i] = static_cast<char>(value >> (8 * i));
+  WriteWholeFile(path, bytes);
+}
+
+// The index keeps 25 bits of event count and a position 24 bits of event
+// number: a block counted past 2^24 used to make Increment wrap from event
+// 0xFFFFFF back to event 0 of the same block, so a walk never ended.
+constexpr uint32_t kPastNameable = (1u << 24) + 1;
+constexpr uint32_t kLastNameable = 0xFFFFFF;
+
+TEST(DamagedIndex, PositionsStopAtTheLastNameableEventOfAnOvercountedBlock) {
+  ReaderStore store;
+  ASSERT_TRUE(store.Open());
+  ASSERT_TRUE(store.Block(9000, {10, 11}));
+  ASSERT_TRUE(store.Block(9000, {20}));
+  ASSERT_TRUE(store.Block(9001, {30}));
+  store.Close();
+  for (uint32_t record : {0, 1, 2}) SetIndexedCount(store.directory(), record, kPastNameable);
+  ASSERT_TRUE(store.Open());
+  EventStorageProvider& reader = store.reader();
+  auto at = [](uint16_t day, uint32_t block, uint32_t event) {
+    return uint64_t{RawIterator(day, block, event)};
+  };
+
+  // Forward to the next block, back into the previous block and day.
+  uint64_t p = at(9000, 0, kLastNameable);
+  ASSERT_TRUE(reader.Increment(p));
+  EXPECT_EQ(p, at(9000, 1, 0));
+  ASSERT_TRUE(reader.Decrement(p));
+  EXPECT_EQ(p, at(9000, 0, kLastNameable));
+  p = at(9001, 0, 0);
+  ASSERT_TRUE(reader.Decrement(p));
+  EXPECT_EQ(p, at(9000, 1, kLastNameable));
+  EXPECT_EQ(reader.GetLastIterVal(), at(9001, 0, kLastNameable));
+
+  // A walk from near the end of the last block ends with the store.
+  p = at(9001, 0, kLastNameable - 3);
+  int steps = 0;
+  while (reader.Increment(p) && steps < 100) ++steps;
+  EXPECT_EQ(steps, 3);
+}
+
+}  // namespace
+}  // namespace Tarn::Storage
