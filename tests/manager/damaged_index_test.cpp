@@ -12,8 +12,8 @@
 namespace Tarn::Storage {
 namespace {
 
-using tarn::test::ReadWholeFile;
 using tarn::test::ReaderStore;
+using tarn::test::ReadWholeFile;
 using tarn::test::WriteWholeFile;
 
 // Rewrites the event count of the index file's record `record`.

@@ -228,35 +228,6 @@ TEST_F(StorageManagerTest, InvalidSettingsFailCreationAndUpdatesAreAllOrNothing)
   EXPECT_EQ(manager_->GetSettings().osquery.row_limit, 2'000u);
 }
 
-TEST_F(StorageManagerTest, FailedBlockWriteLeavesIndexAsItWasAndTheNextBlockLands) {
-  ASSERT_TRUE(Open());
-  ASSERT_TRUE(Add(1));
-  ASSERT_TRUE(manager_->Flush());
-  const std::string day_file = Utils::DayFileName(9000, 2);
-  for (uint32_t operations : {Keel::OS::Faults::Write, Keel::OS::Faults::Flush}) {
-    for (uint32_t kind : {Keel::OS::Faults::Eio, Keel::OS::Faults::ShortWrite}) {
-      Keel::OS::Faults::Rule rule;
-      rule.path_contains = day_file;
-      rule.operations = operations;
-      rule.kind = static_cast<Keel::OS::Faults::Kind>(kind);
-      int id = Keel::OS::Faults::AddRule(rule);
-      ASSERT_TRUE(Add(2));
-      manager_->Flush();
-      EXPECT_EQ(Keel::OS::Faults::FailCount(id), 1u);
-      Keel::OS::Faults::RemoveRule(id);
-      EXPECT_EQ(BlockSizes(9000).size(), 1u);
-    }
-  }
-  ASSERT_TRUE(Add(3));
-  ASSERT_TRUE(manager_->Flush());
-  std::vector<StoredEvent> events = Indexed();
-  ASSERT_EQ(events.size(), 2u);
-  EXPECT_EQ(tarn::test::TagOf(events[1].record), 3u);
-  uint64_t size = 0;
-  ASSERT_TRUE(Keel::OS::FileSystem::GetFileSize(dir_.File(day_file), size));
-  EXPECT_EQ(manager_->TotalOnDiskSize(), size);  // no torn bytes counted or left
-}
-
 TEST_F(StorageManagerTest, ConcurrentIntakeLosesNoEvent) {
   ASSERT_TRUE(Open());
   constexpr uint32_t kThreads = 4;
