@@ -44,15 +44,21 @@ BlockCache::Slot* BlockCache::Victim() {
   return oldest;
 }
 
-BlockCache::BlockPtr BlockCache::Find(uint64_t key) {
+BlockCache::BlockPtr BlockCache::Find(uint64_t key, uint64_t generation) {
+  // Declared before the lock so that a stale block is freed after it.
+  BlockPtr stale;
   MutexGuard lock(mutex_.get());
   Slot* slot = Locate(key);
   if (slot == nullptr) return nullptr;
+  if (slot->generation != generation) {
+    stale = std::move(slot->block);
+    return nullptr;
+  }
   slot->last_used = ++clock_;
   return slot->block;
 }
 
-BlockCache::BlockPtr BlockCache::Insert(uint64_t key, BlockPtr block) {
+BlockCache::BlockPtr BlockCache::Insert(uint64_t key, uint64_t generation, BlockPtr block) {
   if (block == nullptr) {
     KEEL_LOG(Keel::Log::Error, Keel::Log::StorageProvider, kNullBlock, key, 0, 0);
     return nullptr;
@@ -61,10 +67,17 @@ BlockCache::BlockPtr BlockCache::Insert(uint64_t key, BlockPtr block) {
   BlockPtr evicted;
   MutexGuard lock(mutex_.get());
   Slot* slot = Locate(key);
-  if (slot == nullptr) {
+  if (slot != nullptr && slot->generation != generation) {
+    // Read in another generation: the newer of the two stays.
+    if (slot->generation > generation) return block;
+    evicted = std::move(slot->block);
+    slot->block = std::move(block);
+    slot->generation = generation;
+  } else if (slot == nullptr) {
     slot = Victim();
     evicted = std::move(slot->block);
     slot->key = key;
+    slot->generation = generation;
     slot->block = std::move(block);
   }
   slot->last_used = ++clock_;

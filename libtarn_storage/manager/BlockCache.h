@@ -9,7 +9,10 @@
 namespace Tarn::Storage {
 
 // The reader's cache of decoded blocks, keyed by block key (day and block
-// number, event number cleared). Decoding is the expensive step of reading,
+// number, event number cleared) and the store's generation when the block was
+// read. The writer can give a key to another block (a day evicted and made
+// again, a file replaced); it then moves to a new generation, and a block of
+// an older one is never handed out again. Decoding is the expensive step of reading,
 // so a walk through one block should decode it once. It holds kCapacity
 // blocks and, when full, drops the one used least recently.
 //
@@ -29,13 +32,15 @@ class BlockCache {
   // Creates the mutex. False (logged) when it cannot be had.
   bool Create();
 
-  // The block cached under `key`, marked as just used; null on a miss.
-  BlockPtr Find(uint64_t key);
+  // The block cached under `key` in `generation`, marked as just used; null
+  // on a miss. A block of another generation is dropped.
+  BlockPtr Find(uint64_t key, uint64_t generation);
 
-  // Caches `block` under `key`, evicting the least recently used block when
-  // full. When the key is already cached (another reader loaded it in the
-  // meantime) that block stays and is returned instead.
-  BlockPtr Insert(uint64_t key, BlockPtr block);
+  // Caches `block`, read in `generation`, under `key`, evicting the least
+  // recently used block when full. When the key is already cached in that
+  // generation (another reader loaded it in the meantime) that block stays
+  // and is returned instead.
+  BlockPtr Insert(uint64_t key, uint64_t generation, BlockPtr block);
 
   void Clear();
   uint32_t Count() const;
@@ -43,6 +48,7 @@ class BlockCache {
  private:
   struct Slot {
     uint64_t key = 0;
+    uint64_t generation = 0;
     uint64_t last_used = 0;
     BlockPtr block;  // null: a free slot
   };

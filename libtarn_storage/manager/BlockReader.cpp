@@ -189,7 +189,10 @@ BlockCache::BlockPtr EventStorageProvider::LoadBlock(RawIterator position) {
 
 BlockCache::BlockPtr EventStorageProvider::GetBlockFromCache(RawIterator position) {
   const uint64_t key = position.AsKey();
-  if (BlockCache::BlockPtr hit = cache_.Find(key)) return hit;
+  // Taken before the read: a block read while the index changed is cached
+  // under the older generation and not handed out again.
+  const uint64_t generation = manager_.Generation();
+  if (BlockCache::BlockPtr hit = cache_.Find(key, generation)) return hit;
   telemetry_.notify_cache_miss();
   // Decoded outside the cache's lock; only a whole, checked block goes in.
   BlockCache::BlockPtr loaded = LoadBlock(position);
@@ -197,7 +200,7 @@ BlockCache::BlockPtr EventStorageProvider::GetBlockFromCache(RawIterator positio
     Log(kLoadFailed, position);
     return nullptr;
   }
-  BlockCache::BlockPtr cached = cache_.Insert(key, std::move(loaded));
+  BlockCache::BlockPtr cached = cache_.Insert(key, generation, std::move(loaded));
   if (cached == nullptr) {
     telemetry_.unreachable_reached();
     Log(kInsertFailed, position);

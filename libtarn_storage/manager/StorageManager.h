@@ -75,6 +75,8 @@ class StorageManager final : public Telemetry::ReportContributor {
 
   const std::string& Directory() const { return catalog_.directory(); }
   uint64_t TotalOnDiskSize();
+  // See StoreCatalog::Generation: the reader's cache keys on it.
+  uint64_t Generation() const { return catalog_.Generation(); }
   bool IsRunning() const { return running_.load(); }
   Telemetry::StorageTelemetry& telemetry() { return telemetry_; }
 

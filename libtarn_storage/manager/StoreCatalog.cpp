@@ -172,6 +172,7 @@ StoreCatalog::Placement StoreCatalog::ReplaceUnusableFile(uint16_t day, DayInfo&
   ForgetLooseFile(day, version);
   indexed_size_ -= std::min(indexed_size_, info.onDiskSize(version));
   info.ClearVersion(version);
+  NextGeneration();
   uint64_t size = 0;
   if (OpenDayFileForAppend(path, file, size, true) != AppendOpen::kOk) {
     Log(Keel::Log::Error, kDayFileCreateFailed, day);
@@ -262,6 +263,7 @@ void StoreCatalog::EvictIndexedDay(uint16_t day, DayInfo& info) {
   indexed_size_ -= std::min(indexed_size_, size);
   info.ClearAll();
   index_.tree().Erase(day);
+  NextGeneration();
   // The index file stops naming the day before its files go: a crash between
   // the two leaves files that nothing names (deleted later), never an index
   // that names missing files.
@@ -310,6 +312,7 @@ bool StoreCatalog::Wipe() {
   // A partial wipe fails the start: files left behind would be neither
   // indexed nor counted.
   index_.clear();
+  NextGeneration();
   indexed_size_ = 0;
   loose_size_ = 0;
   loose_.clear();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -43,6 +44,11 @@ class StoreCatalog {
   const std::string& directory() const { return directory_; }
   std::string PathOf(const char* name) const;
   std::string DayFilePath(uint16_t day, uint8_t version) const;
+
+  // Moves on whenever a block the index named leaves it or its file is
+  // replaced, so that a key (day, block) may name another block afterwards.
+  // Readable without the manager mutex.
+  uint64_t Generation() const { return generation_.load(std::memory_order_acquire); }
 
   // Bytes of every day file, indexed or loose.
   uint64_t TotalSize() const { return indexed_size_ + loose_size_; }
@@ -106,7 +112,10 @@ class StoreCatalog {
   uint64_t AlignVersion(uint16_t day, DayInfo& info, uint8_t version, class DayFileReader& reader,
                         bool& changed);
 
+  void NextGeneration() { generation_.fetch_add(1, std::memory_order_acq_rel); }
+
   Index& index_;
+  std::atomic<uint64_t> generation_{0};
   std::string directory_;
   uint64_t indexed_size_ = 0;
   uint64_t loose_size_ = 0;

@@ -89,6 +89,7 @@ bool StoreCatalog::Reconcile(bool index_was_read, bool& changed) {
       // Nothing of the day is left on disk.
       Log(Keel::Log::Warning, kDayDropped, day);
       tree.Erase(day);
+      NextGeneration();
       changed = true;
       continue;
     }
@@ -142,6 +143,7 @@ void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, const std::vector<L
     uint32_t before = info.GetBlockCount();
     info.ClearVersion(version);
     changed |= info.GetBlockCount() != before;
+    NextGeneration();
   }
 }
 
@@ -182,6 +184,7 @@ uint64_t StoreCatalog::AlignVersion(uint16_t day, DayInfo& info, uint8_t version
     if (block->block_offset < end || !reader.ReadHeader(block->block_offset, header)) {
       Log(Keel::Log::Warning, kBlockBeyondFile, day, block->block_offset, reader.Size());
       info.DropBlocksFrom(i, version);
+      NextGeneration();
       changed = true;
       break;
     }

@@ -84,21 +84,23 @@ uint64_t BeforeFirstAfter(EventStorageProvider& provider, uint64_t upper, uint64
 }
 
 // The last event whose second is at most `upper`. The reader's AtOrBefore
-// search lands on the first of several events that share `upper`'s second,
-// so the others are added from the same (already decoded) block; only when
-// they run to its end is the next block consulted.
+// search lands on the first of the events that share the last stored second
+// at or before `upper` (which is `upper` itself, or an earlier one when
+// `upper` falls in a gap), so the others are added from the same (already
+// decoded) block; only when they run to its end is the next block consulted.
 uint64_t LastEventUpTo(EventStorageProvider& provider, uint64_t upper, uint64_t stored_end) {
   const uint64_t found = provider.GetIterVal(Keel::OS::DateTime(static_cast<int64_t>(upper)),
                                              Comm::Interface::AtOrBefore);
   if (!provider.IsValid(found)) return RawIterator::Invalid;
   const RawIterator at(found);
-  const TimeIndex target = ToTimeIndex(upper);
   BlockCache::BlockPtr block = provider.GetBlockFromCache(at);
   if (block == nullptr) return RawIterator::Invalid;
-  if (at.Day() != target.day || block->Second(at.Event()) != target.second) return found;
+  const uint32_t second = block->Second(at.Event());
   uint32_t last = at.Event();
-  while (last + 1 < block->EventCount() && block->Second(last + 1) == target.second) ++last;
-  if (last + 1 == block->EventCount()) return BeforeFirstAfter(provider, upper, stored_end);
+  while (last + 1 < block->EventCount() && block->Second(last + 1) == second) ++last;
+  if (last + 1 == block->EventCount()) {
+    return BeforeFirstAfter(provider, ToEpochSeconds(at.Day(), second), stored_end);
+  }
   return RawIterator(at.Day(), at.Block(), last);
 }
 }  // namespace

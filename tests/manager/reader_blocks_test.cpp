@@ -164,5 +164,50 @@ TEST_F(ReaderBlocksTest, IndexDumpHasOneLinePerBlock) {
   EXPECT_FALSE(reader().__dump_proto_stats(store_.directory().c_str()));
 }
 
+// The writer can give a (day, block) key to another block; the cache must
+// never hand out the one it held before.
+class ReaderCacheTest : public ::testing::Test {
+ protected:
+  ReaderCacheTest() : store_(Limits()) {}
+  static Settings Limits() {
+    Settings s = tarn::test::ReaderSettings();
+    s.max_days = 2;
+    return s;
+  }
+  void SetUp() override { ASSERT_TRUE(store_.Open()); }
+  EventStorageProvider& reader() { return store_.reader(); }
+  // The second of the day of the event at `position`, or -1.
+  int64_t SecondAt(uint64_t position) {
+    Keel::OS::DateTime time;
+    if (!reader().GetTime(position, time)) return -1;
+    const uint64_t day_start = tarn::test::EpochOf(RawIterator(position).Day(), 0);
+    return static_cast<int64_t>(time.ToSecondsSinceEpoch() - day_start);
+  }
+
+  tarn::test::ReaderStore store_;
+};
+
+TEST_F(ReaderCacheTest, AReplacedFileIsReadAnewAndAnEvictedDayNoLongerAnswers) {
+  ASSERT_TRUE(store_.Block(9000, {10, 11}));
+  ASSERT_EQ(SecondAt(At(9000, 0, 0)), 10);  // cached now
+  // Somebody spoils the file's header; the writer replaces the file, and
+  // block 0 of the day is a new block.
+  std::string bytes = tarn::test::ReadWholeFile(store_.DayFile(9000));
+  bytes[0] = 'X';
+  tarn::test::WriteWholeFile(store_.DayFile(9000), bytes);
+  ASSERT_TRUE(store_.Block(9000, {30}));
+  EXPECT_EQ(SecondAt(At(9000, 0, 0)), 30);
+  EXPECT_EQ(reader().GetIterVal(tarn::test::TimeOf(9000, 30), Comm::Interface::Exact),
+            At(9000, 0, 0));
+  EXPECT_EQ(SecondAt(At(9000, 0, 1)), -1);
+
+  // Two more days: the day limit evicts day 9000, cached or not.
+  ASSERT_TRUE(store_.Block(9001, {5}));
+  ASSERT_TRUE(store_.Block(9002, {5}));
+  Events::GenericEventHolder holder;
+  EXPECT_FALSE(reader().GetEvent(At(9000, 0, 0), &holder));
+  EXPECT_EQ(SecondAt(At(9000, 0, 0)), -1);
+}
+
 }  // namespace
 }  // namespace Tarn::Storage

@@ -357,6 +357,21 @@ TEST_F(QueryLimitTest, EveryEventOfTheRangesLastSecondIsAnswered) {
   feed(41, {0});
   ASSERT_TRUE(store_.Cut());
   EXPECT_EQ(count(40, 16, 41), 4u);
+
+  // An upper bound in a gap ends at the last event of the last second
+  // stored before it: inside a day, and before a later day's first event.
+  feed(45, {0, 1, 2});
+  feed(60, {0, 1});
+  ASSERT_TRUE(store_.Cut());
+  ASSERT_TRUE(store_.FeedNew(maker, "edr_enter_idle_mode", 9001, 100, 0));
+  ASSERT_TRUE(store_.Cut());
+  EXPECT_EQ(count(41, 16, 50), 4u);
+  const std::vector<Filter> into_next_day = {
+      {"date_time", 32, std::to_string(tarn::test::EpochOf(9000, 41) * 1000), "bigint"},
+      {"date_time", 16, std::to_string(tarn::test::EpochOf(9001, 50) * 1000), "bigint"}};
+  Reply reply = AskIdle(100, into_next_day);
+  EXPECT_EQ(reply.answer.status, 0u);
+  EXPECT_EQ(reply.answer.row_count, 6u);
 }
 
 TEST_F(QueryLimitTest, RecordsOfAnotherVersionArePassedOver) {
