@@ -8,20 +8,24 @@
 // next cycle's child opens the same store. Every read-back is checked against
 // what the children sent:
 //   - every event acknowledged by a Flush is readable exactly once, and so is
-//     every event a read-back after a restart has already shown;
+//     every event a read-back after a restart has already shown, and every
+//     event of a block that was whole in a day file (or in a whole
+//     storage.final.db) when the child died;
 //   - no event is readable twice; times never go back along the walk;
 //   - nothing is readable that was never sent, and each record is the one sent.
 // Events sent but not acknowledged may be lost, never duplicated. Some
 // children stop the module cleanly with events in their open block (it goes
-// to storage.final.db), some are killed while they start up. A last child
-// only reads, for the final figures.
+// to storage.final.db), some are killed while they start up, some just
+// after a Flush that writes a new day's first block. A last child only reads,
+// for the final figures.
 //
 // CTest runs 30 cycles. A long run, by hand:
 //   TARN_KILL_CYCLES=200 build/bin/module_tests --gtest_filter='KillLoop*'
 // TARN_KILL_SEED=<n> repeats a run's random choices (events, clock, batches,
 // delays); where a kill lands in the child's work still depends on timing.
-// A violation keeps the store as the crash left it and as the restart left
-// it under $TMPDIR/tarn-kill-loop-<seed>-cycle<n>/.
+// A violation keeps the store under $TMPDIR/tarn-kill-loop-<seed>-cycle<n>/:
+// before-restart as the killed child left it, after-restart as the checking
+// child left it.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -47,12 +51,17 @@
 #include <string>
 #include <vector>
 
+#include "Keel/Collections/Buffer.h"
+#include "Keel/OS/File.h"
 #include "Keel/OS/Time.h"
 #include "Tarn/Comm/IEventStorage.h"
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/GenericEventHolder.h"
 #include "Tarn/Module/EntryPoints.h"
 #include "Tarn/Module/MapConfigReader.h"
+#include "manager/DayFile.h"
+#include "manager/EventsBlock.h"
+#include "manager/StorageHelper.h"
 #include "module/ConfigKeys.h"
 #include "support/store_fixture.h"
 #include "support/temp_dir.h"
@@ -103,6 +112,7 @@ enum NoteKind : uint32_t {
   kWalkShort,     // Increment ended the walk before GetLastIterVal's position
   kOpenFailed,    // Init, Initialize or QueryInterface failed
   kStopFailed,
+  kDayFlush,      // the Flush about to start writes a new day's first block
 };
 
 struct Note {
@@ -124,8 +134,9 @@ struct Plan {
   uint64_t seed = 0;  // this cycle's random stream
   uint32_t first_tag = 1;
   uint64_t start_ms = 0, end_ms = 0;  // the clock's window
-  uint32_t kill_ms = 0;               // after the read-back, or after the start when early
+  uint32_t kill_ms = 0;  // after the read-back; after the start or a kDayFlush for those kills
   bool early_kill = false;
+  bool day_kill = false;  // killed during the Flush of a new day's first block
   uint32_t stop_after = 0;  // nonzero: stop cleanly after this many batches
   bool read_only = false;
 };
@@ -191,7 +202,7 @@ class NoteWriter {
   // so that a block taken back from storage.final.db is in its day file.
   storage->Flush();
   Tarn::Events::GenericEventHolder holder;
-  uint64_t count = 0, last = Tarn::Comm::Interface::kInvalidIterVal;
+  uint64_t count = 0, last = Tarn::Comm::Interface::kInvalidIterVal, last_day = ~0ull;
   for (uint64_t p = storage->GetFirstIterVal(); storage->IsValid(p); storage->Increment(p)) {
     ++count;
     last = p;
@@ -206,6 +217,7 @@ class NoteWriter {
     const bool same = TaggedEvent(run_seed, tag, stamp) == record;
     out.Put(same ? kRead : kBadRecord, tag, stamp,
             static_cast<uint64_t>(time.ToSecondsSinceEpoch()), p);
+    last_day = stamp / 86'400'000;
   }
   if (count != 0 && last != storage->GetLastIterVal()) out.Put(kWalkShort, 0, 0, 0, last);
   out.Put(kReady, 0, 0, count);
@@ -215,8 +227,11 @@ class NoteWriter {
   const uint64_t mean_step_ms = (plan.end_ms - plan.start_ms) / 3000 + 1;
   uint32_t tag = plan.first_tag;
   for (uint32_t batch = 1;; ++batch) {
+    bool new_day = false;
     for (uint64_t n = 1 + random.Below(kMaxBatch); n > 0; --n, ++tag) {
       g_child_ms = std::min(plan.end_ms, g_child_ms.load() + random.Below(2 * mean_step_ms));
+      new_day |= g_child_ms.load() / 86'400'000 != last_day;
+      last_day = g_child_ms.load() / 86'400'000;
       std::vector<uint8_t> record = TaggedEvent(run_seed, tag, g_child_ms.load());
       Tarn::Events::Objects::Base event(record.data(), record.size());
       progress->handed = tag;
@@ -229,6 +244,7 @@ class NoteWriter {
       progress->acked = tag - 1;
       _exit(0);
     }
+    if (new_day) out.Put(kDayFlush);
     storage->Flush();
     uint64_t p = storage->GetLastIterVal();
     if (!storage->GetEvent(p, &holder) ||
@@ -244,6 +260,7 @@ class NoteWriter {
 struct CycleRun {
   std::vector<Note> notes;
   bool ready = false;
+  bool day_flush_seen = false;  // a kDayFlush came
   uint64_t read_back = 0;
   bool killed = false;
   bool hung = false;
@@ -297,12 +314,18 @@ CycleRun RunCycle(const Plan& plan, uint64_t run_seed, const std::string& direct
       Note note;
       std::memcpy(&note, pending.data() + at, sizeof note);
       run.notes.push_back(note);
+      if (note.kind == kDayFlush && plan.day_kill && !run.day_flush_seen) {
+        run.day_flush_seen = true;
+        deadline = Clock::now() + std::chrono::milliseconds(plan.kill_ms);
+      }
       if (note.kind != kReady) continue;
       run.ready = true;
       run.read_back = note.stored_s;
       if (guard && !plan.read_only && plan.stop_after == 0) {
+        // Waiting for a new day's Flush, a child whose clock has no day
+        // left is killed at a random moment all the same.
         guard = false;
-        deadline = Clock::now() + std::chrono::milliseconds(plan.kill_ms);
+        deadline = Clock::now() + std::chrono::milliseconds(plan.day_kill ? 1000 : plan.kill_ms);
       }
     }
     pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(whole));
@@ -316,18 +339,68 @@ CycleRun RunCycle(const Plan& plan, uint64_t run_seed, const std::string& direct
   return run;
 }
 
+// The events that a restart must put back although no Flush acknowledged
+// them: those of every whole block in the day files, read from the file's
+// header on, and of a whole storage.final.db. Only files whose size changed
+// since the last scan are read again.
+class DiskScan {
+ public:
+  std::vector<uint32_t> WholeBlockTags(const std::string& directory) {
+    std::vector<uint32_t> tags;
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+      const std::string name = entry.path().filename().string();
+      uint16_t day = 0;
+      uint8_t version = 0;
+      const uint64_t size = entry.file_size(error);
+      if (!Tarn::Storage::Utils::IsStorageFile(name.c_str(), false, day, version) ||
+          sizes_[name] == size) {
+        continue;
+      }
+      sizes_[name] = size;
+      Keel::OS::File file;
+      if (!file.Open(entry.path().string(), Keel::OS::File::Mode::Read)) continue;
+      Tarn::Storage::BlockHeader header;
+      Keel::Collections::Buffer payload, raw;
+      for (uint64_t at = Tarn::Storage::kDayFileHeaderSize;
+           Tarn::Storage::ReadBlockHeader(file, at, size, header) &&
+           Tarn::Storage::ReadBlockPayload(file, at, header, payload);
+           at += Tarn::Storage::kBlockHeaderSize + header.stored_size) {
+        if (!Tarn::Storage::DecodeBlock(payload, header, raw)) continue;
+        Tarn::Storage::RawBlockView view(raw.Data(), static_cast<uint32_t>(raw.Size()),
+                                         header.table_offset);
+        for (uint32_t i = 0; i < view.EventCount(); ++i) {
+          const uint8_t* data = nullptr;
+          uint32_t length = 0;
+          if (view.Event(i, data, length)) tags.push_back(tarn::test::TagOf({data, data + length}));
+        }
+      }
+    }
+    std::vector<tarn::test::StoredEvent> final_events;
+    tarn::test::ReadFinalEvents(directory, final_events);
+    for (const auto& event : final_events) tags.push_back(tarn::test::TagOf(event.record));
+    return tags;
+  }
+
+ private:
+  std::map<std::string, uint64_t> sizes_;
+};
+
 // The parent's model: what became of every tag.
 enum TagState : uint8_t { kUnsent = 0, kSent, kDurable, kLost };
 
 class Model {
  public:
   // Checks one read-back; returns the violations found, one line each.
-  std::vector<std::string> Check(const CycleRun& run) {
+  std::vector<std::string> Check(const CycleRun& run, const std::vector<uint32_t>& on_disk) {
     std::map<std::string, std::vector<std::string>> found;
     auto flag = [&found](const std::string& invariant, const std::string& example) {
       found[invariant].push_back(example);
     };
-    std::vector<uint8_t> seen(state_.size(), 0);
+    std::vector<uint8_t> seen(state_.size(), 0), whole(state_.size(), 0);
+    for (uint32_t tag : on_disk) {
+      if (tag < whole.size()) whole[tag] = 1;
+    }
     uint64_t previous_s = 0, reads = 0;
     for (const Note& note : run.notes) {
       const std::string where = PositionText(note.position);
@@ -377,9 +450,14 @@ class Model {
         ++lost_acked_;
       } else if (state == kLost && seen[tag] != 0) {
         flag("an event missing from an earlier read-back came back", Describe(tag));
+      } else if (state == kSent && whole[tag] != 0 && seen[tag] == 0) {
+        flag("an event of a block that was whole on disk is lost", Describe(tag));
       }
       // Readable after a restart: it must stay so. Not readable: it is lost.
-      if (state == kSent) state = seen[tag] != 0 ? kDurable : kLost;
+      if (state == kSent) {
+        state = seen[tag] != 0 ? kDurable : kLost;
+        kept_ += seen[tag] != 0;
+      }
       if (state != kUnsent && seen[tag] == 0) ++lost_;
     }
     std::vector<std::string> lines;
@@ -410,6 +488,8 @@ class Model {
   // been acknowledged.
   uint64_t lost() const { return lost_; }
   uint64_t lost_acked() const { return lost_acked_; }
+  // Unacknowledged events that a read-back after the kill showed.
+  uint64_t kept() const { return kept_; }
   size_t duplicated() const {
     std::vector<uint32_t> tags = duplicated_;
     std::sort(tags.begin(), tags.end());
@@ -438,7 +518,7 @@ class Model {
   std::vector<uint8_t> state_ = std::vector<uint8_t>(1, kUnsent);  // by tag; tag 0 unused
   std::vector<std::pair<uint32_t, uint32_t>> firsts_;              // (first tag, cycle)
   std::vector<uint32_t> duplicated_;
-  uint64_t sent_ = 0, acked_ = 0, lost_ = 0, lost_acked_ = 0;
+  uint64_t sent_ = 0, acked_ = 0, lost_ = 0, lost_acked_ = 0, kept_ = 0;
 };
 
 void CopyStore(const std::string& from, const fs::path& to) {
@@ -469,6 +549,8 @@ TEST(KillLoopTest, AcknowledgedEventsSurviveKillNineExactlyOnce) {
   const uint64_t window_ms = std::min<uint64_t>(36 * 3'600'000ull, 480 * 86'400'000ull / cycles);
   const uint64_t origin_ms = tarn::test::EpochOf(9000, 0) * 1000 + random.Below(86'400'000);
   Model model;
+  DiskScan disk;
+  std::vector<uint32_t> on_disk;  // whole blocks' tags since the last check
   std::vector<std::string> violations;
   uint32_t next_tag = 1, checked = 0, cycle = 1;
   bool stopped_last = false;
@@ -481,16 +563,20 @@ TEST(KillLoopTest, AcknowledgedEventsSurviveKillNineExactlyOnce) {
     plan.end_ms = plan.start_ms + window_ms - 1;
     plan.read_only = cycle == cycles + 1;
     plan.early_kill = !plan.read_only && random.Below(stopped_last ? 2 : 10) == 0;
-    plan.kill_ms = static_cast<uint32_t>(plan.early_kill ? random.Below(25) : random.Below(400));
     plan.stop_after = !plan.read_only && !plan.early_kill && random.Below(8) == 0
                           ? static_cast<uint32_t>(1 + random.Below(4))
                           : 0;
+    plan.day_kill = !plan.read_only && !plan.early_kill && !plan.stop_after && random.Below(4) == 0;
+    plan.kill_ms = static_cast<uint32_t>(random.Below(plan.early_kill || plan.day_kill ? 25 : 400));
     CopyStore(store.path(), before);
+    std::vector<uint32_t> scanned = disk.WholeBlockTags(store.path());
+    on_disk.insert(on_disk.end(), scanned.begin(), scanned.end());
 
     CycleRun run = RunCycle(plan, seed, store.path(), progress);
     if (run.ready) {
       ++checked;
-      violations = model.Check(run);
+      violations = model.Check(run, on_disk);
+      on_disk.clear();
     }
     model.Absorb(plan, run);
     next_tag = static_cast<uint32_t>(std::max<uint64_t>(next_tag, run.handed + 1));
@@ -499,11 +585,13 @@ TEST(KillLoopTest, AcknowledgedEventsSurviveKillNineExactlyOnce) {
     if (!run.killed && !(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0)) {
       violations.push_back("the child ended with status " + std::to_string(run.status));
     }
+    const char* end = plan.read_only        ? "final read"
+                      : plan.early_kill     ? "killed at start"
+                      : !run.killed         ? "stopped cleanly"
+                      : run.day_flush_seen ? "killed in a new day's Flush"
+                                            : "killed";
     std::printf("cycle %u: %s after %lld ms; read back %s; sent %llu, acknowledged %llu\n", cycle,
-                plan.read_only ? "final read" : plan.early_kill ? "killed at start"
-                                 : run.killed               ? "killed"
-                                                            : "stopped cleanly",
-                run.ran_ms, run.ready ? std::to_string(run.read_back).c_str() : "-",
+                end, run.ran_ms, run.ready ? std::to_string(run.read_back).c_str() : "-",
                 static_cast<unsigned long long>(run.handed + 1 - plan.first_tag),
                 static_cast<unsigned long long>(run.acked + 1 - plan.first_tag));
   }
@@ -513,18 +601,21 @@ TEST(KillLoopTest, AcknowledgedEventsSurviveKillNineExactlyOnce) {
                           ("tarn-kill-loop-" + std::to_string(seed) + "-cycle" + std::to_string(cycle));
     CopyStore(before.string(), kept / "before-restart");
     CopyStore(store.path(), kept / "after-restart");
-    std::printf("VIOLATION in cycle %u, seed %llu; store kept in %s\n", cycle,
+    std::printf("VIOLATION in cycle %u, seed %llu; store kept in %s (before-restart: as the "
+                "killed child left it; after-restart: as the checking child left it)\n",
+                cycle,
                 static_cast<unsigned long long>(seed), kept.c_str());
     for (const std::string& line : violations) std::printf("  %s\n", line.c_str());
   }
   std::printf("kill loop figures: seed %llu, cycles %u, read-backs checked %u, events sent %llu, "
-              "events acknowledged %llu, events lost: %llu (acknowledged: %llu), duplicates: %zu, "
-              "violations: %zu\n",
+              "events acknowledged %llu, events lost: %llu (acknowledged: %llu), unacknowledged but "
+              "kept: %llu, duplicates: %zu, violations: %zu\n",
               static_cast<unsigned long long>(seed), std::min(cycle, cycles), checked,
               static_cast<unsigned long long>(model.sent()),
               static_cast<unsigned long long>(model.acked()),
               static_cast<unsigned long long>(model.lost()),
-              static_cast<unsigned long long>(model.lost_acked()), model.duplicated(),
+              static_cast<unsigned long long>(model.lost_acked()),
+              static_cast<unsigned long long>(model.kept()), model.duplicated(),
               violations.size());
   std::fflush(stdout);
   munmap(page, sizeof(Progress));
