@@ -20,12 +20,12 @@
 namespace tarn::fuzz {
 
 // A broken invariant is a finding: abort so that libFuzzer keeps the input.
-#define TARN_FUZZ_CHECK(condition)                                                   \
-  do {                                                                               \
-    if (!(condition)) {                                                              \
+#define TARN_FUZZ_CHECK(condition)                                                       \
+  do {                                                                                   \
+    if (!(condition)) {                                                                  \
       std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      std::abort();                                                                  \
-    }                                                                                \
+      std::abort();                                                                      \
+    }                                                                                    \
   } while (0)
 
 // Under /dev/shm when there is one: the store flushes what it writes, and a
@@ -34,9 +34,9 @@ class ScratchDir {
  public:
   ScratchDir() {
     const char* base = std::getenv("TARN_FUZZ_TMPDIR");
-    std::string root = base != nullptr ? base
+    std::string root = base != nullptr                             ? base
                        : std::filesystem::is_directory("/dev/shm") ? "/dev/shm"
-                                                                  : "/tmp";
+                                                                   : "/tmp";
     std::string pattern = root + "/tarn-fuzz-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
       std::perror("mkdtemp");

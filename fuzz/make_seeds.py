@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Writes the seed corpora under fuzz/corpus/: a few small, valid inputs per
 fuzzer, from which the mutations start. Run again after changing an input
-layout; the files are committed so a run needs no generator."""
+layout; the files are committed so a run needs no generator. Inputs that
+once found a bug sit beside the seeds (store_fuzz/overcounted_block) and are
+kept as they are: CTest replays every corpus file."""
 
 import lzma
 import os
@@ -96,7 +98,8 @@ write("final_fuzz", "incomplete", final_file(RECORDS[1:], [7, 8], 12, magic=byte
 # kinds: 0 built block (u16 table offset, u16 length, raw), 1 verbatim bytes
 # (u16 length, bytes), 2 index record (15 bytes), 3 shutdown file (u16
 # length, bytes), 4 day-file header (20 bytes). `where`: day in bits 0-1,
-# 2 minus the version in 2-3, bit 7 set: not indexed. Indexed sections other than an
+# 2 minus the version in 2-3, bit 6: a new file gets no header, bit 7: not
+# indexed. Indexed sections other than an
 # honest built block carry u32 count, u24 start and u24 end seconds.
 
 

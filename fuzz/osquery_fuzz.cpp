@@ -9,14 +9,14 @@
 // Input: table pick, flags, u16 constraints length, constraints, u8 columns
 // length, columns, then the record.
 
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string_view>
 #include <vector>
-
-#include <google/protobuf/descriptor.h>
-#include <google/protobuf/message.h>
 
 #include "FuzzSupport.h"
 #include "Tarn/Events/QueryRecord.h"

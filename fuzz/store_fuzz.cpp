@@ -69,8 +69,8 @@ enum Kind : uint8_t { kBuiltBlock, kVerbatim, kIndexRecord, kFinalFile, kDayHead
 struct Inputs {
   uint8_t flags = 0;
   std::map<std::pair<uint16_t, uint8_t>, std::string> files;  // (day, version) to bytes
-  std::map<uint16_t, std::vector<BlockInfo>> records;        // by day, in order
-  std::string raw_records;                                     // appended verbatim
+  std::map<uint16_t, std::vector<BlockInfo>> records;         // by day, in order
+  std::string raw_records;                                    // appended verbatim
   uint32_t raw_record_count = 0;
   bool has_final = false;
   std::string final_file;
@@ -129,8 +129,19 @@ Inputs Parse(const uint8_t* data, size_t size) {
     // Mostly the version the writer uses; 0 and 1 are still read.
     const uint8_t version = static_cast<uint8_t>(2 - std::min((where >> 2) & 3, 2));
     const bool indexed = (where & 0x80) == 0;
+    if (kind == kIndexRecord) {
+      in.raw_records += bytes.Bytes(Index::kRecordSize);
+      in.raw_records.resize(Index::kRecordSize * ++in.raw_record_count, '\0');
+      continue;
+    }
+    if (kind == kFinalFile) {
+      in.has_final = true;
+      in.final_file = bytes.Bytes(bytes.Take(2) % kMaxChunk);
+      continue;
+    }
+    // A new file starts with a valid header unless bit 6 says it has none.
     auto [file, created] = in.files.try_emplace({day, version});
-    if (created && kind != kIndexRecord && kind != kFinalFile) file->second = DayHeader(version);
+    if (created && (where & 0x40) == 0) file->second = DayHeader(version);
     const uint32_t offset = static_cast<uint32_t>(file->second.size());
 
     BlockInfo block;
@@ -145,14 +156,6 @@ Inputs Parse(const uint8_t* data, size_t size) {
       case kVerbatim:
         file->second += bytes.Bytes(bytes.Take(2) % kMaxChunk);
         break;
-      case kIndexRecord:
-        in.raw_records += bytes.Bytes(Index::kRecordSize);
-        in.raw_records.resize(Index::kRecordSize * ++in.raw_record_count, '\0');
-        continue;
-      case kFinalFile:
-        in.has_final = true;
-        in.final_file = bytes.Bytes(bytes.Take(2) % kMaxChunk);
-        continue;
       case kDayHeader: {
         const std::string_view header = bytes.Bytes(kDayFileHeaderSize);
         file->second.replace(0, std::min(file->second.size(), header.size()), header);
@@ -186,8 +189,9 @@ void WriteStore(const tarn::fuzz::ScratchDir& dir, const Inputs& in) {
       Put(records, b.block_offset, 4);
       Put(records, day, 2);
       Put(records, b.version, 1);
-      Put(records,
-          b.events_count | uint64_t{b.start_seconds} << 25 | uint64_t{b.end_seconds} << 42, 8);
+      const uint64_t packed =
+          b.events_count | uint64_t{b.start_seconds} << 25 | uint64_t{b.end_seconds} << 42;
+      Put(records, packed, 8);
       ++count;
     }
   }
@@ -210,7 +214,9 @@ void WriteStore(const tarn::fuzz::ScratchDir& dir, const Inputs& in) {
 // walk them: blocks follow one another inside the file, and a decoded block
 // holds exactly the events its table counts.
 void CheckDayFileWalks(const tarn::fuzz::ScratchDir& dir, const Inputs& in) {
-  for (const auto& [key, bytes] : in.files) {
+  for (const auto& file : in.files) {
+    const auto& [key, bytes] = file;
+    const uint64_t size = bytes.size();  // a binding cannot be captured by clang 14
     DayFileReader reader;
     DayFileCheck check = DayFileCheck::ReadFailed;
     if (!reader.Open(dir.File(Utils::DayFileName(key.first, key.second)), check,
@@ -218,17 +224,17 @@ void CheckDayFileWalks(const tarn::fuzz::ScratchDir& dir, const Inputs& in) {
       TARN_FUZZ_CHECK(check != DayFileCheck::Ok);
       continue;
     }
-    TARN_FUZZ_CHECK(reader.Size() == bytes.size());
+    TARN_FUZZ_CHECK(reader.Size() == size);
     uint64_t expected = kDayFileHeaderSize;
     const uint64_t end = reader.Walk(kDayFileHeaderSize, [&](const WalkedBlock& block) {
-      TARN_FUZZ_CHECK(block.offset == expected && block.End() <= bytes.size());
+      TARN_FUZZ_CHECK(block.offset == expected && block.End() <= size);
       if (block.decoded) {
         const BlockHeader& h = block.header;
         TARN_FUZZ_CHECK(block.view.EventCount() == (h.raw_size - h.table_offset) / kEntrySize);
         for (uint32_t i = 0; i < block.view.EventCount(); ++i) {
-          const uint8_t* data = nullptr;
-          uint32_t size = 0;
-          TARN_FUZZ_CHECK(block.view.Event(i, data, size) && size != 0);
+          const uint8_t* record = nullptr;
+          uint32_t length = 0;
+          TARN_FUZZ_CHECK(block.view.Event(i, record, length) && length != 0);
           TARN_FUZZ_CHECK(block.view.Second(i) < kSecondsPerDay);
         }
       }
@@ -377,20 +383,21 @@ void Walk(StorageManager& manager, EventStorageProvider& reader, const Counts& c
   if (reader.IsValid(first) && reader.IsValid(last) && total <= kMaxEventsForProcessBlocks) {
     uint64_t previous_key = 0;
     bool any = false;
-    reader.ProcessBlocks(first, last, [&](const auto& token, const Keel::Collections::Buffer& stored) {
-      CheckNamesEvent(counts, token.block_key);
-      TARN_FUZZ_CHECK(!any || reader.Compare(previous_key, token.block_key) < 0);
-      any = true;
-      previous_key = token.block_key;
-      Keel::Collections::Buffer copy;
-      Keel::Collections::Buffer decoded;
-      TARN_FUZZ_CHECK(CreateReaderBuffer(copy) && CreateReaderBuffer(decoded));
-      TARN_FUZZ_CHECK(copy.Push(stored.Data(), stored.Size()));
-      if (EventStorageProvider::DecodeBlock(copy, token.decoded_size, decoded,
-                                            manager.telemetry())) {
-        TARN_FUZZ_CHECK(decoded.Size() == token.decoded_size);
-      }
-    });
+    reader.ProcessBlocks(
+        first, last, [&](const auto& token, const Keel::Collections::Buffer& stored) {
+          CheckNamesEvent(counts, token.block_key);
+          TARN_FUZZ_CHECK(!any || reader.Compare(previous_key, token.block_key) < 0);
+          any = true;
+          previous_key = token.block_key;
+          Keel::Collections::Buffer copy;
+          Keel::Collections::Buffer decoded;
+          TARN_FUZZ_CHECK(CreateReaderBuffer(copy) && CreateReaderBuffer(decoded));
+          TARN_FUZZ_CHECK(copy.Push(stored.Data(), stored.Size()));
+          if (EventStorageProvider::DecodeBlock(copy, token.decoded_size, decoded,
+                                                manager.telemetry())) {
+            TARN_FUZZ_CHECK(decoded.Size() == token.decoded_size);
+          }
+        });
   }
 
   TARN_FUZZ_CHECK(reader.__dump_index_data(dir.File("index.json")));

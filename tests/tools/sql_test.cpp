@@ -158,7 +158,11 @@ TEST_F(TarnSql, EachOperatorAndLikeAnswerWhatTheEventsHold) {
       {"<=", [](int c) { return c <= 0; }},
       {">", [](int c) { return c > 0; }},
       {">=", [](int c) { return c >= 0; }}};
-  for (const auto& [op, holds] : ops) {
+  // Named members rather than structured bindings: clang 14 (the sanitizer
+  // build's compiler) cannot capture a binding in a lambda.
+  for (const auto& entry : ops) {
+    const std::string& op = entry.first;
+    const std::function<bool(int)>& holds = entry.second;
     SCOPED_TRACE(op);
     auto order = [](auto a, auto b) { return a < b ? -1 : (b < a ? 1 : 0); };
     EXPECT_EQ(Sorted(Sql("SELECT date_time, pid, path FROM edr_process_create WHERE pid " + op +
@@ -238,7 +242,9 @@ TEST_F(TarnSql, TimeRangesHoldExactlyTheirMilliseconds) {
        [](int64_t) { return false; }},
       {"date_time < 946684800000", [](int64_t) { return false; }},
   };
-  for (const auto& [where, holds] : ranges) {
+  for (const auto& range : ranges) {
+    const std::string& where = range.first;
+    const std::function<bool(int64_t)>& holds = range.second;
     SCOPED_TRACE(where);
     Rows got = Sql("SELECT date_time, path FROM edr_file_read WHERE " + where);
     EXPECT_EQ(Sorted(got), Sorted(Expected("edr_file_read", {"date_time", "path"}, [&](auto& e) {
