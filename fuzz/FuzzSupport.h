@@ -16,6 +16,7 @@
 #include "Keel/OS/File.h"
 #include "Keel/OS/FileSystem.h"
 #include "Keel/OS/Path.h"
+#include "Tarn/Storage/ITimeProvider.h"
 
 namespace tarn::fuzz {
 
@@ -110,6 +111,17 @@ class ByteReader {
   const uint8_t* data_;
   size_t size_;
   size_t at_ = 0;
+};
+
+// A store's clock that stays where the input put it.
+class FixedClock final : public Tarn::Storage::ITimeProvider {
+ public:
+  explicit FixedClock(uint64_t epoch) : epoch_(epoch) {}
+  uint64_t GetEpochTime() override { return epoch_; }
+  uint64_t GetSystemTime() override { return epoch_ * 1000; }
+
+ private:
+  uint64_t epoch_;
 };
 
 }  // namespace tarn::fuzz

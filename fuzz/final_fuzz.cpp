@@ -24,6 +24,7 @@ namespace {
 
 using namespace Tarn::Storage;  // NOLINT: a fuzzer's few functions
 using tarn::fuzz::ByteReader;
+using tarn::fuzz::FixedClock;
 
 struct Expected {
   FinalFileState state = FinalFileState::Incomplete;
@@ -71,16 +72,6 @@ Expected Classify(const uint8_t* data, size_t size) {
          day};
   return out;
 }
-
-class FixedClock final : public ITimeProvider {
- public:
-  explicit FixedClock(uint64_t epoch) : epoch_(epoch) {}
-  uint64_t GetEpochTime() override { return epoch_; }
-  uint64_t GetSystemTime() override { return epoch_ * 1000; }
-
- private:
-  uint64_t epoch_;
-};
 
 // A store started on the directory takes an accepted block back into its
 // day file, and deletes any other shutdown file without storing anything.

@@ -43,6 +43,7 @@ namespace {
 
 using namespace Tarn::Storage;  // NOLINT: a fuzzer's few functions
 using tarn::fuzz::ByteReader;
+using tarn::fuzz::FixedClock;
 namespace Record = Tarn::Events::Record;
 
 constexpr uint16_t kFirstDay = 9000;
@@ -244,16 +245,6 @@ void CheckDayFileWalks(const tarn::fuzz::ScratchDir& dir, const Inputs& in) {
     TARN_FUZZ_CHECK(end == expected && !reader.io_error());
   }
 }
-
-class FixedClock final : public ITimeProvider {
- public:
-  explicit FixedClock(uint64_t epoch) : epoch_(epoch) {}
-  uint64_t GetEpochTime() override { return epoch_; }
-  uint64_t GetSystemTime() override { return epoch_ * 1000; }
-
- private:
-  uint64_t epoch_;
-};
 
 // The index as the store holds it after start-up: every block's count and
 // seconds.

@@ -195,9 +195,26 @@ bool StoreCatalog::RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on
   return true;
 }
 
+DayInfo* StoreCatalog::OldestDay(uint16_t*& day) {
+  day = nullptr;
+  return index_.tree().GetMinUnsafe(day);
+}
+
+bool StoreCatalog::EvictableDay(DayInfo* oldest, const uint16_t* day, uint16_t current_day) {
+  if (oldest == nullptr) {
+    Log(Keel::Log::Error, kNoDayToEvict);
+    return false;
+  }
+  if (*day == current_day) {
+    Log(Keel::Log::Warning, kCurrentDayNotEvicted, current_day);
+    return false;
+  }
+  return true;
+}
+
 bool StoreCatalog::EvictOldest(uint16_t current_day) {
   uint16_t* oldest_day = nullptr;
-  DayInfo* oldest = index_.tree().GetMinUnsafe(oldest_day);
+  DayInfo* oldest = OldestDay(oldest_day);
   // Loose files oldest first; one that will not go is passed over.
   std::vector<size_t> order;
   for (size_t i = 0; i < loose_.size(); ++i) {
@@ -209,29 +226,15 @@ bool StoreCatalog::EvictOldest(uint16_t current_day) {
     if (oldest != nullptr && loose_[i].day > *oldest_day) break;
     if (EvictLoose(i)) return true;
   }
-  if (oldest == nullptr) {
-    Log(Keel::Log::Error, kNoDayToEvict);
-    return false;
-  }
-  if (*oldest_day == current_day) {
-    Log(Keel::Log::Warning, kCurrentDayNotEvicted, current_day);
-    return false;
-  }
+  if (!EvictableDay(oldest, oldest_day, current_day)) return false;
   EvictIndexedDay(*oldest_day, *oldest);
   return true;
 }
 
 bool StoreCatalog::EvictOldestDay(uint16_t current_day) {
   uint16_t* oldest_day = nullptr;
-  DayInfo* oldest = index_.tree().GetMinUnsafe(oldest_day);
-  if (oldest == nullptr) {
-    Log(Keel::Log::Error, kNoDayToEvict);
-    return false;
-  }
-  if (*oldest_day == current_day) {
-    Log(Keel::Log::Warning, kCurrentDayNotEvicted, current_day);
-    return false;
-  }
+  DayInfo* oldest = OldestDay(oldest_day);
+  if (!EvictableDay(oldest, oldest_day, current_day)) return false;
   const uint16_t day = *oldest_day;
   // Loose files of that day or before are past the kept window as well.
   for (size_t i = loose_.size(); i-- > 0;) {

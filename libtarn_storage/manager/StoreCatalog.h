@@ -95,6 +95,9 @@ class StoreCatalog {
   DayInfo* FindOrAddDay(const Settings& settings, uint16_t day, bool& added);
   Placement OpenVersionForWriting(uint16_t day, DayInfo& info, Keel::OS::File& file);
   Placement ReplaceUnusableFile(uint16_t day, DayInfo& info, Keel::OS::File& file);
+  DayInfo* OldestDay(uint16_t*& day);
+  // False (logged) when there is no indexed day or it is `current_day`.
+  bool EvictableDay(DayInfo* oldest, const uint16_t* day, uint16_t current_day);
   bool EvictLoose(size_t which);
   void EvictIndexedDay(uint16_t day, DayInfo& info);
   void ForgetLooseFile(uint16_t day, uint8_t version);

@@ -126,7 +126,8 @@ void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, const std::vector<L
   for (uint8_t version : versions) {
     DayFileReader reader;
     DayFileCheck check = DayFileCheck::ReadFailed;
-    if (FindFile(files, day, version) == nullptr) {
+    const LooseFile* file = FindFile(files, day, version);
+    if (file == nullptr) {
       Log(Keel::Log::Warning, kVersionFileMissing, day, version);
     } else if (reader.Open(DayFilePath(day, version), check, Keel::OS::File::Mode::ReadWrite)) {
       uint64_t end = AlignVersion(day, info, version, reader, changed);
@@ -135,7 +136,7 @@ void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, const std::vector<L
     } else if (check == DayFileCheck::ReadFailed) {
       // The file may be whole: its blocks stay named, its bytes counted.
       Log(Keel::Log::Error, kVersionFileUnreadable, day, version);
-      info.setOnDiskSize(version, FindFile(files, day, version)->size);
+      info.setOnDiskSize(version, file->size);
       continue;
     } else {
       Log(Keel::Log::Warning, kVersionFileUnusable, day, version, static_cast<uint32_t>(check));
@@ -177,11 +178,9 @@ uint64_t StoreCatalog::AlignVersion(uint16_t day, DayInfo& info, uint8_t version
     const BlockInfo* block = info.GetBlock(i);
     if (block->version != version) continue;
     BlockHeader header;
-    if (block->block_offset >= end && !reader.ReadHeader(block->block_offset, header) &&
-        reader.io_error()) {
-      return 0;  // nothing is dropped or cut on a failed read
-    }
-    if (block->block_offset < end || !reader.ReadHeader(block->block_offset, header)) {
+    const bool whole = block->block_offset >= end && reader.ReadHeader(block->block_offset, header);
+    if (!whole && reader.io_error()) return 0;  // nothing is dropped or cut on a failed read
+    if (!whole) {
       Log(Keel::Log::Warning, kBlockBeyondFile, day, block->block_offset, reader.Size());
       info.DropBlocksFrom(i, version);
       NextGeneration();
