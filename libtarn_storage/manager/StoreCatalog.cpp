@@ -25,7 +25,6 @@ enum Message : uint32_t {
   kDayFileUnusable = 6,
   kDayFileCreateFailed = 7,
   kNoDayToEvict = 8,
-  kCurrentDayNotEvicted = 9,
   kDeleteFailed = 10,
   kEvicted = 11,
   kLooseEvicted = 12,
@@ -195,26 +194,24 @@ bool StoreCatalog::RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on
   return true;
 }
 
-DayInfo* StoreCatalog::OldestDay(uint16_t*& day) {
-  day = nullptr;
-  return index_.tree().GetMinUnsafe(day);
-}
-
-bool StoreCatalog::EvictableDay(DayInfo* oldest, const uint16_t* day, uint16_t current_day) {
-  if (oldest == nullptr) {
-    Log(Keel::Log::Error, kNoDayToEvict);
-    return false;
-  }
-  if (*day == current_day) {
-    Log(Keel::Log::Warning, kCurrentDayNotEvicted, current_day);
-    return false;
-  }
-  return true;
+DayInfo* StoreCatalog::OldestEvictableDay(uint16_t current_day, uint16_t& day) {
+  DayInfo* found = nullptr;
+  index_.tree().Iterate(
+      [&](const uint16_t& key, DayInfo& info, void*, bool& stop) {
+        if (key == current_day) return true;
+        found = &info;
+        day = key;
+        stop = true;
+        return true;
+      },
+      nullptr);
+  if (found == nullptr) Log(Keel::Log::Warning, kNoDayToEvict, current_day);
+  return found;
 }
 
 bool StoreCatalog::EvictOldest(uint16_t current_day) {
-  uint16_t* oldest_day = nullptr;
-  DayInfo* oldest = OldestDay(oldest_day);
+  uint16_t oldest_day = 0;
+  DayInfo* oldest = OldestEvictableDay(current_day, oldest_day);
   // Loose files oldest first; one that will not go is passed over.
   std::vector<size_t> order;
   for (size_t i = 0; i < loose_.size(); ++i) {
@@ -223,19 +220,18 @@ bool StoreCatalog::EvictOldest(uint16_t current_day) {
   std::sort(order.begin(), order.end(),
             [this](size_t a, size_t b) { return loose_[a].day < loose_[b].day; });
   for (size_t i : order) {
-    if (oldest != nullptr && loose_[i].day > *oldest_day) break;
+    if (oldest != nullptr && loose_[i].day > oldest_day) break;
     if (EvictLoose(i)) return true;
   }
-  if (!EvictableDay(oldest, oldest_day, current_day)) return false;
-  EvictIndexedDay(*oldest_day, *oldest);
+  if (oldest == nullptr) return false;
+  EvictIndexedDay(oldest_day, *oldest);
   return true;
 }
 
 bool StoreCatalog::EvictOldestDay(uint16_t current_day) {
-  uint16_t* oldest_day = nullptr;
-  DayInfo* oldest = OldestDay(oldest_day);
-  if (!EvictableDay(oldest, oldest_day, current_day)) return false;
-  const uint16_t day = *oldest_day;
+  uint16_t day = 0;
+  DayInfo* oldest = OldestEvictableDay(current_day, day);
+  if (oldest == nullptr) return false;
   // Loose files of that day or before are past the kept window as well.
   for (size_t i = loose_.size(); i-- > 0;) {
     if (loose_[i].day <= day) EvictLoose(i);

@@ -78,13 +78,12 @@ class StoreCatalog {
   bool RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on_disk_size);
 
   // Frees room: deletes the oldest loose file that is not younger than the
-  // oldest indexed day, else evicts that day. A loose file that cannot be
+  // oldest evictable day, else evicts that day. A loose file that cannot be
   // deleted is passed over (and retried next time). False when nothing could
   // be removed.
   bool EvictOldest(uint16_t current_day);
-  // Takes the oldest indexed day out of the index (for the day limit), with
-  // the loose files that are not younger. False when the oldest is
-  // `current_day` or there is none.
+  // Takes the oldest evictable day out of the index (for the day limit),
+  // with the loose files that are not younger. False when there is none.
   bool EvictOldestDay(uint16_t current_day);
 
   // Deletes every day file, the index file and the shutdown file, and
@@ -95,9 +94,11 @@ class StoreCatalog {
   DayInfo* FindOrAddDay(const Settings& settings, uint16_t day, bool& added);
   Placement OpenVersionForWriting(uint16_t day, DayInfo& info, Keel::OS::File& file);
   Placement ReplaceUnusableFile(uint16_t day, DayInfo& info, Keel::OS::File& file);
-  DayInfo* OldestDay(uint16_t*& day);
-  // False (logged) when there is no indexed day or it is `current_day`.
-  bool EvictableDay(DayInfo* oldest, const uint16_t* day, uint16_t current_day);
+  // The oldest indexed day other than `current_day`, or null (logged). The
+  // day being written never goes; when the clock went back to before every
+  // stored day it is the oldest, and the next one goes in its place, so that
+  // the limits still hold.
+  DayInfo* OldestEvictableDay(uint16_t current_day, uint16_t& day);
   bool EvictLoose(size_t which);
   void EvictIndexedDay(uint16_t day, DayInfo& info);
   void ForgetLooseFile(uint16_t day, uint8_t version);

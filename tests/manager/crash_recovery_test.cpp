@@ -328,7 +328,7 @@ TEST_F(StoreCatalogTest, BlockAsLargeAsTheWholeBudgetIsDropped) {
   EXPECT_EQ(offset, kDayFileHeaderSize);
 }
 
-TEST_F(StoreCatalogTest, CurrentDayIsNeverEvictedEvenWhenItAloneBreaksTheBudget) {
+TEST_F(StoreCatalogTest, TheDayBeingWrittenIsNeverEvictedEvenWhenItAloneBreaksTheBudget) {
   Keel::OS::File file;
   uint64_t offset = 0;
   ASSERT_EQ(catalog_.PlaceBlock(settings_, 9, 1000, file, offset),
@@ -347,6 +347,14 @@ TEST_F(StoreCatalogTest, CurrentDayIsNeverEvictedEvenWhenItAloneBreaksTheBudget)
   EXPECT_EQ(index_.tree().SearchUnsafe(9), nullptr);  // the older day went
   EXPECT_NE(index_.tree().SearchUnsafe(10), nullptr);
   EXPECT_FALSE(catalog_.EvictOldest(10));
+
+  // The clock went back to before every stored day: the day being written
+  // is now the oldest, and the next one makes room in its place.
+  file.Close();
+  EXPECT_EQ(catalog_.PlaceBlock(settings_, 8, 5000, file, offset),
+            StoreCatalog::Placement::kCreated);
+  EXPECT_EQ(index_.tree().SearchUnsafe(10), nullptr);
+  EXPECT_NE(index_.tree().SearchUnsafe(8), nullptr);
 }
 
 }  // namespace
