@@ -16,11 +16,12 @@
 #include "osquery/ConstraintsList.h"
 #include "osquery/Matcher.h"
 #include "osquery/RecordBuilder.h"
-#include "tarn_osquery_schema.pb.h"
+#include "support/row_columns.h"
 
 namespace {
 
 using namespace Tarn::Storage::OSQuery;  // NOLINT: benchmark file
+using tarn::test::SetColumn;
 
 constexpr size_t kBlockBytes = 10 << 20;
 
@@ -36,24 +37,25 @@ std::vector<std::vector<uint8_t>> ProcessRecords(size_t count) {
   };
   Tarn::Events::DynamicEventBuilder builder;
   for (size_t i = 0; i < count; ++i) {
-    edr_process_create row;
+    auto row = tarn::test::MakeRow("edr_process_create");
     const char* binary = kBinaries[next() % 5];
     char text[256];
-    row.set_date_time(1795313392000ull + i * 7);
-    row.set_pid_time_stamp(1795313392000ull + i);
-    row.set_puid(next() * 0x100000001ull);
-    row.set_pid(100 + next() % 30000);
-    row.set_parent_pid(1 + next() % 3000);
-    row.set_user_uid(next() % 4 == 0 ? 0 : 1000 + next() % 5);
-    row.set_path(binary);
+    SetColumn(*row, "date_time", 1795313392000ull + i * 7);
+    SetColumn(*row, "pid_time_stamp", 1795313392000ull + i);
+    SetColumn(*row, "puid", next() * 0x100000001ull);
+    SetColumn(*row, "pid", 100 + next() % 30000);
+    SetColumn(*row, "parent_pid", 1 + next() % 3000);
+    SetColumn(*row, "user_uid", next() % 4 == 0 ? 0 : 1000 + next() % 5);
+    SetColumn(*row, "path", binary);
     std::snprintf(text, sizeof text, "%s --job %u --config /etc/agent/conf.d/%02u.yaml", binary,
                   next() % 100000, next() % 64);
-    row.set_command_line(text);
-    row.set_environment_variables("PATH=/usr/local/bin:/usr/bin:/bin HOME=/root LANG=C.UTF-8");
-    row.set_working_directory("/var/lib/agent");
-    row.set_command_line_indexes("0,17,29");
-    row.set_process_name(binary + std::string(binary).rfind('/') + 1);
-    if (!BuildRecord(row, builder)) std::abort();
+    SetColumn(*row, "command_line", text);
+    SetColumn(*row, "environment_variables",
+              "PATH=/usr/local/bin:/usr/bin:/bin HOME=/root LANG=C.UTF-8");
+    SetColumn(*row, "working_directory", "/var/lib/agent");
+    SetColumn(*row, "command_line_indexes", "0,17,29");
+    SetColumn(*row, "process_name", binary + std::string(binary).rfind('/') + 1);
+    if (!BuildRecord(*row, builder)) std::abort();
     records.emplace_back(builder.Data(), builder.Data() + builder.Size());
   }
   return records;

@@ -28,14 +28,16 @@
 #include "manager/Index.h"
 #include "manager/StorageManager.h"
 #include "osquery/Query.h"
+#include "osquery/QueryService.h"
 #include "osquery/RecordBuilder.h"
 #include "support/query_answer.h"
-#include "tarn_osquery_schema.pb.h"
+#include "support/row_columns.h"
 
 namespace {
 
 using Tarn::Storage::EventStorageProvider;
 using Tarn::Storage::RawIterator;
+using tarn::test::SetColumn;
 
 constexpr uint16_t kFirstDay = 9000;
 
@@ -57,34 +59,35 @@ class RowMaker {
     const char* binary = kBinaries[Random() % 6];
     char text[256];
     if (Random() % 7 == 0) {
-      edr_email_sent mail;
-      mail.set_date_time(time_ms);
-      mail.set_pid(100 + Random() % 30000);
-      mail.set_local_ip("10.0.0.7");
-      mail.set_remote_ip("192.168.1.20");
+      auto mail = tarn::test::MakeRow("edr_email_sent");
+      SetColumn(*mail, "date_time", time_ms);
+      SetColumn(*mail, "pid", 100 + Random() % 30000);
+      SetColumn(*mail, "local_ip", "10.0.0.7");
+      SetColumn(*mail, "remote_ip", "192.168.1.20");
       std::snprintf(text, sizeof text, "report %u for %s", Random(), binary);
-      mail.set_subject(text);
-      mail.set_sender("agent@example.org");
-      return Build(mail);
+      SetColumn(*mail, "subject", text);
+      SetColumn(*mail, "sender", "agent@example.org");
+      return Build(*mail);
     }
-    edr_process_create row;
-    row.set_date_time(time_ms);
-    row.set_pid_time_stamp(time_ms - Random() % 1000);
-    row.set_puid(Random() * 0x100000001ull);
-    row.set_pid(100 + Random() % 30000);
-    row.set_parent_pid(1 + Random() % 3000);
-    row.set_user_uid(kUsers[Random() % 4]);
-    row.set_path(binary);
+    auto row = tarn::test::MakeRow("edr_process_create");
+    SetColumn(*row, "date_time", time_ms);
+    SetColumn(*row, "pid_time_stamp", time_ms - Random() % 1000);
+    SetColumn(*row, "puid", Random() * 0x100000001ull);
+    SetColumn(*row, "pid", 100 + Random() % 30000);
+    SetColumn(*row, "parent_pid", 1 + Random() % 3000);
+    SetColumn(*row, "user_uid", kUsers[Random() % 4]);
+    SetColumn(*row, "path", binary);
     std::snprintf(text, sizeof text,
                   "%s --job %u --queue jobs-%u --config /etc/agent/conf.d/%02u.yaml", binary,
                   Random() % 100000, Random() % 64, Random() % 64);
-    row.set_command_line(text);
-    row.set_environment_variables("PATH=/usr/local/bin:/usr/bin:/bin HOME=/root LANG=C.UTF-8");
+    SetColumn(*row, "command_line", text);
+    SetColumn(*row, "environment_variables",
+              "PATH=/usr/local/bin:/usr/bin:/bin HOME=/root LANG=C.UTF-8");
     std::snprintf(text, sizeof text, "/var/lib/agent/cache/%08x", Random());
-    row.set_working_directory(text);
-    row.set_command_line_indexes("0,17,29");
-    row.set_process_name(binary + std::string(binary).rfind('/') + 1);
-    return Build(row);
+    SetColumn(*row, "working_directory", text);
+    SetColumn(*row, "command_line_indexes", "0,17,29");
+    SetColumn(*row, "process_name", binary + std::string(binary).rfind('/') + 1);
+    return Build(*row);
   }
 
  private:
@@ -194,14 +197,14 @@ Tarn::Storage::OSQuerySettings Limits() {
 }
 
 // Runs one query; its row count, or -1 when it was not complete.
-int64_t RunQuery(EventStorageProvider& reader, const std::string& constraints,
-                 const std::string& columns) {
+int64_t RunQuery(Store& store, const std::string& constraints, const std::string& columns) {
   Tarn::Storage::OSQuery::Query query;
   query.table = "edr_process_create";
   query.columns = columns;
   query.constraints = constraints;
   hx::MessageBus::Msg msg;
-  if (!reader.HandleOSQuery(std::move(query), msg, Limits())) return -1;
+  Tarn::Storage::OSQuery::QueryService queries(*store.reader, store.manager);
+  if (!queries.HandleOSQuery(std::move(query), msg, Limits())) return -1;
   auto events = msg.GetField("events");
   if (!events) return -1;
   tarn::test::Answer answer = tarn::test::ParseAnswer(*events);
@@ -250,7 +253,7 @@ void BM_SelectiveQueryWholeStore(benchmark::State& state) {
     state.PauseTiming();
     store.FreshReader();  // the store does not fit the cache: every run decodes all of it
     state.ResumeTiming();
-    rows = RunQuery(*store.reader, constraints, "");
+    rows = RunQuery(store, constraints, "");
     if (rows <= 0) return state.SkipWithError("query failed");
   }
   const double runs = static_cast<double>(state.iterations());
@@ -299,7 +302,7 @@ void BM_OneHourOfSevenDays(benchmark::State& state) {
     store.FreshReader();
     const uint32_t before = store.manager.telemetry().snapshot().cache_miss_count;
     state.ResumeTiming();
-    rows = RunQuery(*store.reader, constraints, "");
+    rows = RunQuery(store, constraints, "");
     state.PauseTiming();
     misses = store.manager.telemetry().snapshot().cache_miss_count - before;
     state.ResumeTiming();

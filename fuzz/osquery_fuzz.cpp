@@ -21,6 +21,7 @@
 #include "FuzzSupport.h"
 #include "Tarn/Events/QueryRecord.h"
 #include "Tarn/Events/Record.h"
+#include "generated/RowPrototype.h"
 #include "osquery/AddRow.h"
 #include "osquery/ConstraintsList.h"
 #include "osquery/Matcher.h"
@@ -63,8 +64,7 @@ void CheckRow(const TableInfo& table, const ResponseBuilder& response,
   TARN_FUZZ_CHECK(response.rows == 1 && response.buffer.Size() >= 4);
   uint32_t length = Record::LoadUInt32(response.buffer.Data());
   TARN_FUZZ_CHECK(response.buffer.Size() == 4 + uint64_t{length});
-  const auto* prototype = google::protobuf::MessageFactory::generated_factory()->GetPrototype(
-      google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(table.name));
+  const google::protobuf::Message* prototype = RowPrototype(table.type_id);
   std::unique_ptr<google::protobuf::Message> row(prototype->New());
   TARN_FUZZ_CHECK(row->ParseFromArray(response.buffer.Data() + 4, static_cast<int>(length)));
   if (columns.hashes[0] == NameHash("*")) return;

@@ -37,7 +37,7 @@
 #include "manager/StorageHelper.h"
 #include "manager/StorageManager.h"
 #include "manager/TimeIndex.h"
-#include "osquery/ProtoStats.h"
+#include "osquery/QueryService.h"
 
 namespace {
 
@@ -436,7 +436,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   TARN_FUZZ_CHECK(manager.Create(settings, &clock, 0, dir.path().c_str()));
   EventStorageProvider reader(manager, manager.telemetry());
   TARN_FUZZ_CHECK(reader.Create());
-  reader.SetProtoStatsDump(&OSQuery::DumpProtoStats);
+  OSQuery::QueryService queries(reader, manager);
+  reader.SetTableStatistics(&queries);
   // A taken-back block is on disk after this, unless it could not be kept.
   manager.Flush();
 

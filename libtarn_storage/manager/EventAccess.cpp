@@ -138,7 +138,8 @@ bool EventStorageProvider::ProcessBlocks(uint64_t from, uint64_t to, BlockCallba
       callback(token, stored);
       last_sent = key;
     }
-    Increment(position);
+    // A day evicted under the walk must not pass for the end of the range.
+    if (StepForward(position) == Step::kBroken) return false;
   }
   return true;
 }

@@ -20,6 +20,7 @@ enum Message : uint32_t {
   kBlockUnavailable = 6,
   kNoEventAtTime = 7,
   kProtoStatsUnavailable = 8,
+  kStepBroken = 9,  // a = position
 };
 
 void Log(Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -28,7 +29,7 @@ void Log(Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
 
 // Runs a position processor on a copy of `position`; the result replaces
 // the copy only when the processor succeeds.
-bool Step(StorageManager& manager, StorageManager::Processor processor, uint64_t& position) {
+bool RunStep(StorageManager& manager, StorageManager::Processor processor, uint64_t& position) {
   RawIterator moved(position);
   // Invalid at once: a failed step ends the caller's walk.
   position = RawIterator::Invalid;
@@ -91,11 +92,22 @@ uint64_t EventStorageProvider::GetLastIterVal() {
 }
 
 bool EventStorageProvider::Increment(uint64_t& position) {
-  return Step(manager_, &IncrementProcessor, position);
+  return RunStep(manager_, &IncrementProcessor, position);
 }
 
 bool EventStorageProvider::Decrement(uint64_t& position) {
-  return Step(manager_, &DecrementProcessor, position);
+  return RunStep(manager_, &DecrementProcessor, position);
+}
+
+EventStorageProvider::Step EventStorageProvider::StepForward(uint64_t& position) {
+  StepContext step{position};
+  const bool moved = manager_.ProcessIndex(&StepForwardProcessor, &step);
+  const uint64_t from = position;
+  position = moved ? uint64_t{step.position} : InvalidIterVal;
+  if (moved) return Step::kNext;
+  if (step.at_end) return Step::kEnd;
+  Log(kStepBroken, from);
+  return Step::kBroken;
 }
 
 int EventStorageProvider::Compare(uint64_t a, uint64_t b) {
@@ -144,16 +156,14 @@ uint64_t EventStorageProvider::GetIterVal(const DateTime& time, SearchStrategy s
 }
 
 bool EventStorageProvider::__dump_proto_stats(const char* path) {
-  // The statistics need the query side's row builders, which this library
-  // does not link: the module installs them.
-  if (proto_stats_dump_ == nullptr) {
+  if (statistics_ == nullptr) {
     Log(kProtoStatsUnavailable, path != nullptr);
     return false;
   }
   std::string target = path != nullptr
                            ? std::string(path)
                            : Keel::OS::Path::Join(manager_.Directory(), kProtoStatsDumpName);
-  return proto_stats_dump_(*this, target);
+  return statistics_->DumpProtoStats(target);
 }
 
 }  // namespace Tarn::Storage

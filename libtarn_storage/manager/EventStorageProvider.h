@@ -14,11 +14,9 @@
 #include "manager/Settings.h"
 #include "manager/StorageManager.h"
 #include "manager/StorageTelemetry.h"
+#include "manager/TableStatistics.h"
 #include "manager/TimeIndex.h"
 
-namespace hx::MessageBus {
-class Msg;
-}
 namespace Tarn::Events {
 class ExternalData;
 }
@@ -29,11 +27,6 @@ class StorageQuery;
 namespace Tarn::Storage {
 
 class Index;
-
-namespace OSQuery {
-struct Query;
-struct ResponseBuilder;
-}  // namespace OSQuery
 
 // A span of stored time, in seconds since the Unix epoch, both ends included.
 struct DateTimeInterval {
@@ -67,10 +60,6 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   static constexpr const char* kIndexDumpName = "index.json";
   static constexpr const char* kProtoStatsDumpName = "proto_stats.json";
 
-  // Writes the per-table statistics of the stored events to `path`. The
-  // query side (osquery/) provides it: this library builds no rows.
-  using ProtoStatsDump = bool (*)(EventStorageProvider& provider, const std::string& path);
-
   // Keeps both references; does no I/O. Use nothing before Create.
   EventStorageProvider(StorageManager& manager, Telemetry::StorageTelemetry& telemetry);
   ~EventStorageProvider();
@@ -82,28 +71,13 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   bool Create();
   bool IsCreated() const { return mutex_ != nullptr; }
 
-  // Installs what __dump_proto_stats runs; until then it answers false.
-  void SetProtoStatsDump(ProtoStatsDump dump) { proto_stats_dump_ = dump; }
+  // Installs what __dump_proto_stats runs; without it (or with null) that
+  // answers false. Not while other threads may call the reader.
+  void SetTableStatistics(TableStatistics* statistics) { statistics_ = statistics; }
 
-  // ---- Queries (defined in osquery/, which the module links) -------------
-
-  // A table query: answered on the mock bus when it is local, otherwise on
-  // the message `data` carries (none: logged, false). Takes the settings
-  // snapshot for this one query. A QueryException does not leave: the
-  // answer is then status 5 with no rows, and the result false.
-  bool HandleQuery(OSQuery::Query&& query, Events::ExternalData* data);
-  // The single-event request: copies the event it names into the request's
-  // destination when it fits.
+  // The single-event request (type 186): copies the event it names into the
+  // request's destination when all of it fits.
   bool HandleQuery(Events::Objects::StorageQuery* query, Events::ExternalData* data);
-  // Builds the answer in a response buffer of `settings.size_limit` bytes
-  // and sends it on `msg` as "events" (and "token" when partial). False at
-  // once, with nothing sent, for the table that another module answers.
-  // Throws QueryException for an unknown table or unparsable constraints.
-  bool HandleOSQuery(OSQuery::Query&& query, hx::MessageBus::Msg& msg,
-                     const OSQuerySettings& settings);
-  // The scan: fills `response` with rows and sets its status and token.
-  bool HandleOSQuery(OSQuery::Query&& query, const OSQuerySettings& settings,
-                     OSQuery::ResponseBuilder& response);
 
   // ---- IEventStorage, in slot order ------------------------------------
 
@@ -122,6 +96,14 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   bool IsValid(uint64_t position) override { return position != InvalidIterVal; }
   bool GetTime(uint64_t position, DateTime& time) override;
   int Compare(uint64_t a, uint64_t b) override;
+
+  // Increment for a walk that must not end early without saying so.
+  enum class Step { kNext, kEnd, kBroken };
+  // kNext: `position` is the next event. kEnd: it was the last event the
+  // store holds. kBroken (logged): the store no longer names it (its day
+  // was evicted under the walk) or cannot step past it, so a walk that
+  // stops here has not seen everything. `position` is invalid unless kNext.
+  Step StepForward(uint64_t& position);
 
   // ---- Blocks ----------------------------------------------------------
 
@@ -190,6 +172,12 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   static bool GetFirstIterValProcessor(Index& index, void* context);
   static bool GetLastIterValProcessor(Index& index, void* context);
   static bool IncrementProcessor(Index& index, void* context);
+  // Context: a StepContext.
+  static bool StepForwardProcessor(Index& index, void* context);
+  struct StepContext {
+    RawIterator position;
+    bool at_end = false;
+  };
   static bool DecrementProcessor(Index& index, void* context);
   static bool GetBlockIterValProcessorEx(Index& index, void* context);
   // GetBlockProcessor reads from the index's own directory, which is the
@@ -208,7 +196,7 @@ class EventStorageProvider final : public Comm::Interface::IEventStorage {
   BlockCache cache_;
   StorageManager& manager_;
   Telemetry::StorageTelemetry& telemetry_;
-  ProtoStatsDump proto_stats_dump_ = nullptr;
+  TableStatistics* statistics_ = nullptr;
 };
 
 }  // namespace Tarn::Storage

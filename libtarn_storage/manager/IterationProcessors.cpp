@@ -188,6 +188,25 @@ bool EventStorageProvider::IncrementProcessor(Index& index, void* context) {
   return FirstOfDay(index, next_day, result);
 }
 
+// Whether `at` is the last event the index names: the normal end of a walk.
+bool IsLastPosition(Index& index, RawIterator at) {
+  uint16_t* day = nullptr;
+  DayInfo* info = index.tree().GetMaxUnsafe(day);
+  if (info == nullptr || *day != at.Day() || info->GetBlockCount() != at.Block() + 1) return false;
+  const BlockInfo* block = info->GetBlock(at.Block());
+  return block != nullptr && at.Event() + 1 == NamedEvents(*block);
+}
+
+bool EventStorageProvider::StepForwardProcessor(Index& index, void* context) {
+  auto& step = *static_cast<StepContext*>(context);
+  const RawIterator at = step.position;
+  if (IncrementProcessor(index, &step.position)) return true;
+  // Judged under the same hold of the index as the step itself, so that a
+  // block written meanwhile cannot make an end look like a break.
+  step.at_end = IsLastPosition(index, at);
+  return false;
+}
+
 bool EventStorageProvider::DecrementProcessor(Index& index, void* context) {
   RawIterator& result = PositionOf(context);
   const RawIterator at = result;

@@ -14,7 +14,6 @@
 #include "Tarn/Module/HostServices.h"
 #include "Tarn/Module/ModuleAllocator.h"
 #include "module/ConfigKeys.h"
-#include "osquery/ProtoStats.h"
 #include "osquery/Query.h"
 #include "osquery/QueryException.h"
 
@@ -68,9 +67,12 @@ ModuleAllocator* Storage::allocator = nullptr;
 Storage::Storage() = default;
 
 Storage::~Storage() {
+  // The query service is destroyed first: the reader must not keep it.
+  provider_.SetTableStatistics(nullptr);
   if (owns_protobuf_shutdown_) google::protobuf::ShutdownProtobufLibrary();
-  // Members go in reverse order: the clock, the reader, then the manager,
-  // which stops its writer and writes telemetry when asked to.
+  // Members go in reverse order: the clock, the query service, the reader,
+  // then the manager, which stops its writer and writes telemetry when
+  // asked to.
 }
 
 void* Storage::Allocate(size_t size) {
@@ -128,7 +130,7 @@ bool Storage::Initialize(HostServices* host, ConfigReader* config) {
       Log(Keel::Log::Error, kProviderCreateFailed);
       return false;
     }
-    provider_.SetProtoStatsDump(&Tarn::Storage::OSQuery::DumpProtoStats);
+    provider_.SetTableStatistics(&queries_);
     return true;
   });
 }
@@ -174,9 +176,9 @@ bool Storage::HandleQuery(Events::Objects::Base& event, Events::ExternalData* da
     return false;
   }
   try {
-    return provider_.HandleQuery(std::move(query), data);
+    return queries_.HandleQuery(std::move(query), data);
   } catch (const Tarn::Storage::OSQuery::QueryException&) {
-    // The provider answers these itself; this is the last line.
+    // The query service answers these itself; this is the last line.
     Log(Keel::Log::Error, kQueryFailed);
     return false;
   }

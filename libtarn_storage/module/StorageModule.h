@@ -9,13 +9,15 @@
 #include "manager/Settings.h"
 #include "manager/StorageManager.h"
 #include "module/DefaultTimeProvider.h"
+#include "osquery/QueryService.h"
 
 namespace Tarn::Module {
 
 class ModuleAllocator;
 
-// The module object the host drives. It owns the writer, the reader and the
-// clock; the host reaches everything else through QueryInterface.
+// The module object the host drives. It owns the writer, the reader, the
+// query service and the clock; the host reaches the rest through
+// QueryInterface.
 class Storage final : public Interface, public Comm::Interface::IStorageSender {
  public:
   Storage();
@@ -54,16 +56,16 @@ class Storage final : public Interface, public Comm::Interface::IStorageSender {
   // Reads the configuration into a settings record and the intake switch.
   static Tarn::Storage::Settings ReadSettings(ConfigReader* config, uint32_t& intake_disabled);
   static void ReadQueryLimits(ConfigReader* config, Tarn::Storage::Settings& settings);
-  // Types 186 and 221: answered by the reader.
+  // Type 186 is answered by the reader, type 221 by the query service.
   bool HandleQuery(Events::Objects::Base& event, Events::ExternalData* data);
 
   uint32_t intake_disabled_ = 0;
   HostServices* host_ = nullptr;
   bool owns_protobuf_shutdown_ = true;
-  // The reader refers to the manager, so it is declared after it and goes
-  // first at destruction.
+  // Each refers to the ones above it, so it goes before them at destruction.
   Tarn::Storage::StorageManager manager_;
   Tarn::Storage::EventStorageProvider provider_{manager_, manager_.telemetry()};
+  Tarn::Storage::OSQuery::QueryService queries_{provider_, manager_};
   Tarn::Storage::DefaultTimeProvider time_provider_;
 };
 

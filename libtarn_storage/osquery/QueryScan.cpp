@@ -43,7 +43,9 @@ class Scan {
   bool EnterBlock(RawIterator at);
   // One position of a readable block: false ends the scan, status set.
   bool Visit(RawIterator at);
-  void Advance(uint64_t& position);
+  // Moves to the next position; false (status 5) when the store can no
+  // longer step on from this one.
+  bool Advance(uint64_t& position);
 
   EventStorageProvider& provider_;
   const OSQuerySettings& settings_;
@@ -74,7 +76,7 @@ bool Scan::Run() {
     if (at.AsKey() != block_key_ && !EnterBlock(at)) return false;
     if (block_ != nullptr && !Visit(at)) return response_.status == kStatusPartial;
     ++visited_;
-    Advance(position);
+    if (!Advance(position)) return false;
   }
   response_.status = kStatusComplete;
   KEEL_LOG(Keel::Log::Debug, Keel::Log::StorageQuery, kScanEnded, response_.status,
@@ -129,13 +131,15 @@ bool Scan::Visit(RawIterator at) {
   }
 }
 
-void Scan::Advance(uint64_t& position) {
+bool Scan::Advance(uint64_t& position) {
   const RawIterator at(position);
   if (block_ != nullptr && at.Event() + 1 < block_->EventCount()) {
     position = RawIterator(at.Day(), at.Block(), at.Event() + 1);
-    return;
+    return true;
   }
-  provider_.Increment(position);  // the end of the store leaves it invalid
+  // Only the store's real end may end the scan early: a day evicted under
+  // it would otherwise make a cut answer look complete.
+  return provider_.StepForward(position) != EventStorageProvider::Step::kBroken;
 }
 
 }  // namespace

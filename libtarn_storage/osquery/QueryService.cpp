@@ -1,15 +1,19 @@
-// The provider's table queries: intake (bus, settings snapshot), the answer
-// around the scan, and what decides where the scan runs (table, columns,
-// constraints, page limit, time range, continuation token).
+// Intake (bus, settings snapshot), the answer around the scan, and what
+// decides where the scan runs (table, columns, constraints, page limit,
+// time range, continuation token).
+
+#include "osquery/QueryService.h"
 
 #include <string_view>
 
 #include "Keel/Log.h"
 #include "Tarn/Events/ExternalData.h"
 #include "manager/EventStorageProvider.h"
+#include "manager/StorageManager.h"
 #include "osquery/Columns.h"
 #include "osquery/ConstraintsList.h"
 #include "osquery/MsgBusMock.h"
+#include "osquery/ProtoStats.h"
 #include "osquery/Query.h"
 #include "osquery/QueryException.h"
 #include "osquery/QueryScan.h"
@@ -17,11 +21,9 @@
 #include "osquery/Tables.h"
 #include "osquery/TimeRange.h"
 
-namespace Tarn::Storage {
+namespace Tarn::Storage::OSQuery {
 
 namespace {
-
-using OSQuery::ResponseBuilder;
 
 enum Message : uint32_t {
   kNoMessage = 120,          // a = table length
@@ -37,7 +39,7 @@ constexpr std::string_view kAnsweredByAnotherModule = "edr_netdb";
 void SendFailure(hx::MessageBus::Msg& msg, uint8_t status) {
   ResponseBuilder response(msg);
   OSQuerySettings settings;
-  settings.size_limit = OSQuery::ResponseLayout::kHeaderSize;
+  settings.size_limit = ResponseLayout::kHeaderSize;
   if (!response.Start(settings)) return;
   response.status = status;
   response.Finish();
@@ -45,8 +47,11 @@ void SendFailure(hx::MessageBus::Msg& msg, uint8_t status) {
 
 }  // namespace
 
-bool EventStorageProvider::HandleQuery(OSQuery::Query&& query, Events::ExternalData* data) {
-  OSQuery::MsgBusMock local_bus;
+QueryService::QueryService(EventStorageProvider& provider, StorageManager& manager)
+    : provider_(provider), manager_(manager) {}
+
+bool QueryService::HandleQuery(Query&& query, Events::ExternalData* data) {
+  MsgBusMock local_bus;
   hx::MessageBus::Msg* msg = &local_bus;
   if (!query.local) {
     msg = data != nullptr ? data->Message() : nullptr;
@@ -59,17 +64,17 @@ bool EventStorageProvider::HandleQuery(OSQuery::Query&& query, Events::ExternalD
   const size_t table_length = query.table.size();
   try {
     return HandleOSQuery(std::move(query), *msg, settings);
-  } catch (const OSQuery::QueryException&) {
+  } catch (const QueryException&) {
     KEEL_LOG(Keel::Log::Warning, Keel::Log::StorageQuery, kQueryRefused, table_length, 0, 0);
-    SendFailure(*msg, OSQuery::kStatusInternal);
+    SendFailure(*msg, kStatusInternal);
     return false;
   }
 }
 
-bool EventStorageProvider::HandleOSQuery(OSQuery::Query&& query, hx::MessageBus::Msg& msg,
-                                         const OSQuerySettings& settings) {
+bool QueryService::HandleOSQuery(Query&& query, hx::MessageBus::Msg& msg,
+                                 const OSQuerySettings& settings) {
   ResponseBuilder response(msg);
-  if (!response.Start(settings)) throw OSQuery::QueryException(OSQuery::QueryException::kNoBuffer);
+  if (!response.Start(settings)) throw QueryException(QueryException::kNoBuffer);
   if (query.table == kAnsweredByAnotherModule) {
     KEEL_LOG(Keel::Log::Debug, Keel::Log::StorageQuery, kAnsweredElsewhere, 0, 0, 0);
     return false;
@@ -81,38 +86,42 @@ bool EventStorageProvider::HandleOSQuery(OSQuery::Query&& query, hx::MessageBus:
   return result;
 }
 
-bool EventStorageProvider::HandleOSQuery(OSQuery::Query&& query, const OSQuerySettings& settings,
-                                         ResponseBuilder& response) {
-  const uint32_t type_id = OSQuery::TableIdByName(query.table);
-  if (type_id == 0) throw OSQuery::QueryException(OSQuery::QueryException::kUnknownTable);
-  const OSQuery::ColumnSelection columns = OSQuery::SplitColumns(query.columns);
-  OSQuery::ConstraintsList constraints;
+bool QueryService::HandleOSQuery(Query&& query, const OSQuerySettings& settings,
+                                 ResponseBuilder& response) {
+  const uint32_t type_id = TableIdByName(query.table);
+  if (type_id == 0) throw QueryException(QueryException::kUnknownTable);
+  const ColumnSelection columns = SplitColumns(query.columns);
+  ConstraintsList constraints;
   if (!constraints.Parse(query.constraints)) {
-    throw OSQuery::QueryException(OSQuery::QueryException::kBadConstraints);
+    throw QueryException(QueryException::kBadConstraints);
   }
   if (uint32_t{query.page} + 1 >= settings.aux_limit) {
-    response.status = OSQuery::kStatusPageLimit;
+    response.status = kStatusPageLimit;
     return false;
   }
-  OSQuery::TimeRange range;
-  OSQuery::ScanBounds bounds;
-  uint8_t located = OSQuery::NarrowTimeRange(constraints, range);
-  if (located == OSQuery::kStatusComplete) located = OSQuery::LocateTimeRange(*this, range, bounds);
-  if (located != OSQuery::kStatusComplete) {
+  TimeRange range;
+  ScanBounds bounds;
+  uint8_t located = NarrowTimeRange(constraints, range);
+  if (located == kStatusComplete) located = LocateTimeRange(provider_, range, bounds);
+  if (located != kStatusComplete) {
     response.status = located;
     return false;
   }
-  OSQuery::ScanRequest request{type_id, &columns, &constraints, bounds.start, bounds.end};
+  ScanRequest request{type_id, &columns, &constraints, bounds.start, bounds.end};
   if (query.HasToken()) {
-    if (Compare(query.token, bounds.start) <= 0) {
-      response.status = OSQuery::kStatusTokenNotAfter;
+    if (provider_.Compare(query.token, bounds.start) <= 0) {
+      response.status = kStatusTokenNotAfter;
       return false;
     }
     request.start = query.token;
   }
   // A token this answer hands out names the page after the query's.
   response.page = static_cast<uint16_t>(query.page + 1);
-  return OSQuery::ScanPositions(*this, settings, request, response);
+  return ScanPositions(provider_, settings, request, response);
 }
 
-}  // namespace Tarn::Storage
+bool QueryService::DumpProtoStats(const std::string& path) {
+  return OSQuery::DumpProtoStats(provider_, path);
+}
+
+}  // namespace Tarn::Storage::OSQuery

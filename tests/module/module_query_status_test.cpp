@@ -7,8 +7,8 @@
 
 #include "Tarn/Events/StorageQuery.h"
 #include "query_host.h"
+#include "support/row_columns.h"
 #include "support/temp_dir.h"
-#include "tarn_osquery_schema.pb.h"
 
 namespace {
 
@@ -151,7 +151,7 @@ TEST(ModuleQueryStatusTest, FullBuffersArePagedByTokenOverEveryRowOnce) {
       auto row = maker.Make("edr_process_create", tarn::test::EpochOf(kDay, 10 + i) * 1000);
       std::string path;
       while (path.size() < 60'000) path += "/segment-" + std::to_string(i + path.size());
-      static_cast<edr_process_create&>(*row).set_path(path);
+      tarn::test::SetColumn(*row, "path", path);
       ASSERT_TRUE(host.Feed("edr_process_create", row));
     }
     host.Flush();

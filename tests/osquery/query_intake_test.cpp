@@ -6,7 +6,6 @@
 
 #include "Keel/Utils/TreeContainer.h"
 #include "Tarn/Events/ExternalData.h"
-#include "osquery/ProtoStats.h"
 #include "osquery/QueryException.h"
 #include "query_store.h"
 
@@ -32,7 +31,7 @@ class QueryIntakeTest : public ::testing::Test {
 
   Reply Handle(Query query, Events::ExternalData* data) {
     Reply reply;
-    reply.result = store_.provider().HandleQuery(std::move(query), data);
+    reply.result = store_.queries().HandleQuery(std::move(query), data);
     if (data != nullptr && data->Message() != nullptr) {
       tarn::test::QueryStore::Read(*data->Message(), reply);
     }
@@ -51,7 +50,7 @@ TEST_F(QueryIntakeTest, QueriesThatCannotRunThrowAndAreAnsweredWithStatusFive) {
   hx::MessageBus::Msg msg;
   const OSQuerySettings limits = QueryLimits();
   try {
-    store_.provider().HandleOSQuery(tarn::test::MakeQuery("edr_no_such_table"), msg, limits);
+    store_.queries().HandleOSQuery(tarn::test::MakeQuery("edr_no_such_table"), msg, limits);
     ADD_FAILURE() << "no exception";
   } catch (const QueryException& e) {
     EXPECT_STREQ(e.what(), "unknown table requested");
@@ -59,7 +58,7 @@ TEST_F(QueryIntakeTest, QueriesThatCannotRunThrowAndAreAnsweredWithStatusFive) {
   Query bad_json = tarn::test::MakeQuery("edr_process_create");
   bad_json.constraints = R"({"pid":{"affinity":"integer","list":[{"op":3,"expr":"1"}]}})";
   try {
-    store_.provider().HandleOSQuery(std::move(bad_json), msg, limits);
+    store_.queries().HandleOSQuery(std::move(bad_json), msg, limits);
     ADD_FAILURE() << "no exception";
   } catch (const QueryException& e) {
     EXPECT_STREQ(e.what(), "failed to parse constraints");
@@ -107,8 +106,8 @@ TEST_F(QueryIntakeTest, TheAnswerGoesToTheRequesterOrTheLocalBus) {
 
   // Another module answers edr_netdb: nothing is sent.
   hx::MessageBus::Msg netdb;
-  EXPECT_FALSE(store_.provider().HandleOSQuery(tarn::test::MakeQuery("edr_netdb"), netdb,
-                                               QueryLimits()));
+  EXPECT_FALSE(store_.queries().HandleOSQuery(tarn::test::MakeQuery("edr_netdb"), netdb,
+                                              QueryLimits()));
   EXPECT_EQ(netdb.FieldCount(), 0u);
 }
 
@@ -177,7 +176,7 @@ TEST_F(QueryIntakeTest, ProtoStatsCountEveryTableOnceInstalled) {
   FeedDay(9000, 9);
   const std::string path = store_.directory() + "/stats.json";
   EXPECT_FALSE(store_.provider().__dump_proto_stats(path.c_str()));  // nothing installed
-  store_.provider().SetProtoStatsDump(&DumpProtoStats);
+  store_.provider().SetTableStatistics(&store_.queries());
   ASSERT_TRUE(store_.provider().__dump_proto_stats(path.c_str()));
   ASSERT_TRUE(store_.provider().__dump_proto_stats(nullptr));  // into the storage directory
 

@@ -15,6 +15,7 @@
 #include "manager/EventStorageProvider.h"
 #include "manager/StorageManager.h"
 #include "osquery/Query.h"
+#include "osquery/QueryService.h"
 #include "row_model.h"
 #include "support/query_answer.h"
 #include "support/store_fixture.h"
@@ -54,6 +55,7 @@ class QueryStore {
     if (!manager_->Create(settings_, &clock_, 1, dir_.path().c_str())) return false;
     provider_ =
         std::make_unique<Tarn::Storage::EventStorageProvider>(*manager_, manager_->telemetry());
+    queries_ = std::make_unique<Tarn::Storage::OSQuery::QueryService>(*provider_, *manager_);
     return provider_->Create();
   }
 
@@ -83,7 +85,7 @@ class QueryStore {
             const Tarn::Storage::OSQuerySettings& limits = QueryLimits()) {
     hx::MessageBus::Msg msg;
     Reply reply;
-    reply.result = provider_->HandleOSQuery(std::move(query), msg, limits);
+    reply.result = queries_->HandleOSQuery(std::move(query), msg, limits);
     Read(msg, reply);
     return reply;
   }
@@ -97,6 +99,7 @@ class QueryStore {
   }
 
   Tarn::Storage::EventStorageProvider& provider() { return *provider_; }
+  Tarn::Storage::OSQuery::QueryService& queries() { return *queries_; }
   Tarn::Storage::StorageManager& manager() { return *manager_; }
   FakeClock& clock() { return clock_; }
   const std::vector<FedRow>& fed() const { return fed_; }
@@ -108,6 +111,7 @@ class QueryStore {
   FakeClock clock_{EpochOf(9000, 0)};
   std::unique_ptr<Tarn::Storage::StorageManager> manager_;
   std::unique_ptr<Tarn::Storage::EventStorageProvider> provider_;
+  std::unique_ptr<Tarn::Storage::OSQuery::QueryService> queries_;
   std::vector<FedRow> fed_;
 };
 

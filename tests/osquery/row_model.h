@@ -326,4 +326,61 @@ inline std::string CompareRows(const std::vector<RowPtr>& got,
          (longer[at] ? longer[at]->ShortDebugString() : "unparsed") + "}";
 }
 
+// A value some fed row of the table has in `column`, as text.
+inline std::string SomeValue(std::mt19937& random, const std::string& table, const std::string& column,
+                      const std::vector<FedRow>& fed) {
+  for (int tries = 0; tries < 50; ++tries) {
+    const auto& f = fed[random() % fed.size()];
+    if (f.table != table) continue;
+    const auto* field = f.row->GetDescriptor()->FindFieldByName(column);
+    const auto* reflection = f.row->GetReflection();
+    switch (field->cpp_type()) {
+      case FieldDescriptor::CPPTYPE_UINT32:
+        return std::to_string(reflection->GetUInt32(*f.row, field));
+      case FieldDescriptor::CPPTYPE_UINT64:
+        return std::to_string(reflection->GetUInt64(*f.row, field));
+      default:
+        return reflection->GetString(*f.row, field);
+    }
+  }
+  return "0";
+}
+
+inline Filter RandomFilter(std::mt19937& random, const std::string& table,
+                    const std::vector<FedRow>& fed) {
+  static const uint32_t kOps[] = {1, 2, 4, 8, 16, 32, 64, 65, 66, 67};
+  static const char* kPatterns[] = {"%ssh%", "/usr/bin/ss_", "%A%B", "ALPHA", "%", "_%_", "eth0%"};
+  using namespace Tarn::Storage::OSQuery;
+  const TableInfo* info = FindTable(TableIdByName(table));
+  const ColumnInfo& column = info->columns[1 + random() % (info->column_count - 1)];
+  Filter f{column.name, kOps[random() % 10], SomeValue(random, table, column.name, fed), "text"};
+  if (column.kind == ColumnKind::kUInt32 || column.kind == ColumnKind::kUInt64) {
+    static const char* kNumeric[] = {"integer", "bigint", "unsigned bigint", "double"};
+    f.affinity = kNumeric[random() % 4];
+    if (f.affinity == "integer" && std::stoull(f.expr) > 2147483647u) f.affinity = "bigint";
+    if (f.affinity == "bigint" && std::stoull(f.expr) > 9223372036854775807u) {
+      f.affinity = "unsigned bigint";
+    }
+  } else {
+    if (f.op == 64 || f.op == 65) f.expr = kPatterns[random() % 7];
+    if (random() % 8 == 0) f.affinity = random() % 2 ? "blob" : "TEXT";
+  }
+  return f;
+}
+
+
+// A column list as requesters write them: none (every column), or a few
+// names, now and then one the table does not have.
+inline std::string RandomColumns(std::mt19937& random, const std::string& table) {
+  using namespace Tarn::Storage::OSQuery;
+  std::string columns;
+  if (random() % 2 == 0) return columns;
+  const TableInfo* info = FindTable(TableIdByName(table));
+  for (uint32_t n = 1 + random() % 3; n > 0; --n) {
+    if (!columns.empty()) columns += ",";
+    columns += random() % 5 == 0 ? "no_such_column" : info->columns[random() % info->column_count].name;
+  }
+  return columns;
+}
+
 }  // namespace tarn::test

@@ -14,17 +14,22 @@
 #include "osquery/RecordBuilder.h"
 #include "osquery/RecordColumns.h"
 #include "support/log_capture.h"
-#include "tarn_osquery_schema.pb.h"
+#include "support/row_columns.h"
 #include "test_records.h"
 
 namespace Tarn::Storage::OSQuery {
 namespace {
 
+using tarn::test::MakeRow;
+using tarn::test::NumberColumn;
+using tarn::test::SetColumn;
+using tarn::test::TextColumn;
 using test::TestRecord;
 
 const uint8_t kV6[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
 
-// Converts through AddRow, as a query does, and reads the row back.
+// Converts through AddRow, as a query does, and reads the row back as a
+// message of the record's table.
 class RowTest : public testing::Test {
  protected:
   RowTest() : response_(msg_) {
@@ -32,9 +37,10 @@ class RowTest : public testing::Test {
     scratch_.Create(0);
   }
 
-  template <typename Row>
-  Row Convert(const std::vector<uint8_t>& record, std::string_view columns) {
-    Row row;
+  std::unique_ptr<google::protobuf::Message> Convert(const std::vector<uint8_t>& record,
+                                                     std::string_view columns) {
+    std::unique_ptr<google::protobuf::Message> row(
+        RowPrototype(Events::Record::LoadUInt32(record.data()))->New());
     uint64_t start = response_.buffer.Size();
     EXPECT_EQ(AddRow(Events::Objects::Base(record.data(), record.size()), response_,
                      SplitColumns(columns), settings_, scratch_),
@@ -42,7 +48,7 @@ class RowTest : public testing::Test {
     const uint8_t* data = response_.buffer.Data() + start;
     uint32_t size = Events::Record::LoadUInt32(data);
     EXPECT_EQ(response_.buffer.Size(), start + 4 + size);
-    EXPECT_TRUE(row.ParseFromArray(data + 4, static_cast<int>(size)));
+    EXPECT_TRUE(row->ParseFromArray(data + 4, static_cast<int>(size)));
     return row;
   }
 
@@ -64,37 +70,37 @@ std::vector<uint8_t> ProcessRecord() {
 }
 
 TEST_F(RowTest, SelectedColumnsOnly) {
-  auto row = Convert<edr_process_create>(ProcessRecord(), "pid,path");
-  EXPECT_EQ(row.pid(), 4242u);
-  EXPECT_EQ(row.path(), "/usr/bin/ssh");
-  EXPECT_EQ(row.date_time(), 0u);
-  EXPECT_EQ(row.puid(), 0u);
-  EXPECT_EQ(row.command_line(), "");
-  edr_process_create expected;
-  expected.set_pid(4242);
-  expected.set_path("/usr/bin/ssh");
-  EXPECT_EQ(row.ByteSizeLong(), expected.ByteSizeLong());  // nothing else is serialized
+  auto row = Convert(ProcessRecord(), "pid,path");
+  EXPECT_EQ(NumberColumn(*row, "pid"), 4242u);
+  EXPECT_EQ(TextColumn(*row, "path"), "/usr/bin/ssh");
+  EXPECT_EQ(NumberColumn(*row, "date_time"), 0u);
+  EXPECT_EQ(NumberColumn(*row, "puid"), 0u);
+  EXPECT_EQ(TextColumn(*row, "command_line"), "");
+  auto expected = MakeRow("edr_process_create");
+  SetColumn(*expected, "pid", 4242);
+  SetColumn(*expected, "path", "/usr/bin/ssh");
+  EXPECT_EQ(row->ByteSizeLong(), expected->ByteSizeLong());  // nothing else is serialized
 }
 
 TEST_F(RowTest, StarSelectsEveryColumnAndMissingNamesArePassedOver) {
-  auto all = Convert<edr_process_create>(ProcessRecord(), "");
-  EXPECT_EQ(all.date_time(), 1700000000123ull);
-  EXPECT_EQ(all.pid(), 4242u);
-  EXPECT_EQ(all.puid(), 0xFFFFFFFFFFFFFFFFull);
-  EXPECT_EQ(all.user_uid(), 0xFFFFFFFFu);
-  EXPECT_EQ(all.command_line(), "ssh -p 22 host");
-  EXPECT_EQ(all.command_line_indexes(), "0,18446744073709551615,7");
-  auto star = Convert<edr_process_create>(ProcessRecord(), "*");
-  EXPECT_TRUE(google::protobuf::util::MessageDifferencer::Equals(all, star));
+  auto all = Convert(ProcessRecord(), "");
+  EXPECT_EQ(NumberColumn(*all, "date_time"), 1700000000123ull);
+  EXPECT_EQ(NumberColumn(*all, "pid"), 4242u);
+  EXPECT_EQ(NumberColumn(*all, "puid"), 0xFFFFFFFFFFFFFFFFull);
+  EXPECT_EQ(NumberColumn(*all, "user_uid"), 0xFFFFFFFFu);
+  EXPECT_EQ(TextColumn(*all, "command_line"), "ssh -p 22 host");
+  EXPECT_EQ(TextColumn(*all, "command_line_indexes"), "0,18446744073709551615,7");
+  auto star = Convert(ProcessRecord(), "*");
+  EXPECT_TRUE(google::protobuf::util::MessageDifferencer::Equals(*all, *star));
 
-  auto some = Convert<edr_process_create>(ProcessRecord(), "no_such,date_time,,pid,local_ip");
-  EXPECT_EQ(some.date_time(), 1700000000123ull);
-  EXPECT_EQ(some.pid(), 4242u);
-  EXPECT_EQ(some.path(), "");
+  auto some = Convert(ProcessRecord(), "no_such,date_time,,pid,local_ip");
+  EXPECT_EQ(NumberColumn(*some, "date_time"), 1700000000123ull);
+  EXPECT_EQ(NumberColumn(*some, "pid"), 4242u);
+  EXPECT_EQ(TextColumn(*some, "path"), "");
   // "*" counts only as the first entry.
-  auto late = Convert<edr_process_create>(ProcessRecord(), "pid,*");
-  EXPECT_EQ(late.pid(), 4242u);
-  EXPECT_EQ(late.path(), "");
+  auto late = Convert(ProcessRecord(), "pid,*");
+  EXPECT_EQ(NumberColumn(*late, "pid"), 4242u);
+  EXPECT_EQ(TextColumn(*late, "path"), "");
 }
 
 TEST_F(RowTest, InvalidUtf8IsReplaced) {
@@ -102,12 +108,12 @@ TEST_F(RowTest, InvalidUtf8IsReplaced) {
                .Text("path", "\xC3\x28")
                .Text("command_line", "caf\xC3\xA9")
                .Build();
-  auto row = Convert<edr_process_create>(r, "path,command_line");
-  EXPECT_EQ(row.path(), "<invalid_utf8_string>");
-  EXPECT_EQ(row.command_line(), "caf\xC3\xA9");
+  auto row = Convert(r, "path,command_line");
+  EXPECT_EQ(TextColumn(*row, "path"), "<invalid_utf8_string>");
+  EXPECT_EQ(TextColumn(*row, "command_line"), "caf\xC3\xA9");
   for (const char* bad : {"\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "ab\xE2\x82"}) {
     auto b = TestRecord("edr_process_create").Text("path", bad).Build();
-    EXPECT_EQ(Convert<edr_process_create>(b, "path").path(), "<invalid_utf8_string>");
+    EXPECT_EQ(TextColumn(*Convert(b, "path"), "path"), "<invalid_utf8_string>");
   }
 }
 
@@ -117,15 +123,15 @@ TEST_F(RowTest, TextListsAreJoinedWithQuotedItems) {
                .List("attachements_names", {"say \"hi\", then", "plain \"q\"", ""})
                .List("attachements_content_type", {"only"})
                .Build();
-  auto row = Convert<edr_email_sent>(r, "gateway_macs,attachements_names,attachements_content_type,"
-                                        "attachment_ur_is");
-  EXPECT_EQ(row.gateway_macs(), "aa:01,\"b,b\",cc");
-  EXPECT_EQ(row.attachements_names(), "\"say \"\"hi\"\", then\",plain \"q\",");
-  EXPECT_EQ(row.attachements_content_type(), "only");
-  EXPECT_EQ(row.attachment_ur_is(), "");
+  auto row = Convert(r, "gateway_macs,attachements_names,attachements_content_type,"
+                        "attachment_ur_is");
+  EXPECT_EQ(TextColumn(*row, "gateway_macs"), "aa:01,\"b,b\",cc");
+  EXPECT_EQ(TextColumn(*row, "attachements_names"), "\"say \"\"hi\"\", then\",plain \"q\",");
+  EXPECT_EQ(TextColumn(*row, "attachements_content_type"), "only");
+  EXPECT_EQ(TextColumn(*row, "attachment_ur_is"), "");
   // An invalid item spoils the whole column.
   auto bad = TestRecord("edr_email_sent").List("gateway_macs", {"ok", "\xFF"}).Build();
-  EXPECT_EQ(Convert<edr_email_sent>(bad, "gateway_macs").gateway_macs(), "<invalid_utf8_string>");
+  EXPECT_EQ(TextColumn(*Convert(bad, "gateway_macs"), "gateway_macs"), "<invalid_utf8_string>");
 }
 
 TEST_F(RowTest, AddressesAreRendered) {
@@ -133,32 +139,32 @@ TEST_F(RowTest, AddressesAreRendered) {
                .Address("local_ip", Events::Address::V4(192, 168, 0, 255))
                .Address("remote_ip", Events::Address::V6(kV6))
                .Build();
-  auto row = Convert<edr_email_sent>(r, "");
-  EXPECT_EQ(row.local_ip(), "192.168.0.255");
-  EXPECT_EQ(row.remote_ip(), "2001:db8::1");
-  auto none = Convert<edr_email_sent>(TestRecord("edr_email_sent").Build(), "");
-  EXPECT_EQ(none.local_ip(), "");
+  auto row = Convert(r, "");
+  EXPECT_EQ(TextColumn(*row, "local_ip"), "192.168.0.255");
+  EXPECT_EQ(TextColumn(*row, "remote_ip"), "2001:db8::1");
+  auto none = Convert(TestRecord("edr_email_sent").Build(), "");
+  EXPECT_EQ(TextColumn(*none, "local_ip"), "");
 }
 
 TEST_F(RowTest, CorruptRecordsGiveEmptyFields) {
   auto r = ProcessRecord();
   // Every slot of the fixed part points outside the record or is cut off.
   Events::Record::StoreUInt16(r.data() + Events::Record::kSizeOffset, 40);
-  auto row = Convert<edr_process_create>(r, "");
-  EXPECT_EQ(row.date_time(), 1700000000123ull);
-  EXPECT_EQ(row.pid_time_stamp(), 0u);
-  EXPECT_EQ(row.pid(), 0u);  // its slot ends at 44, past the claimed size
-  EXPECT_EQ(row.path(), "");
-  EXPECT_EQ(row.command_line_indexes(), "");
+  auto row = Convert(r, "");
+  EXPECT_EQ(NumberColumn(*row, "date_time"), 1700000000123ull);
+  EXPECT_EQ(NumberColumn(*row, "pid_time_stamp"), 0u);
+  EXPECT_EQ(NumberColumn(*row, "pid"), 0u);  // its slot ends at 44, past the claimed size
+  EXPECT_EQ(TextColumn(*row, "path"), "");
+  EXPECT_EQ(TextColumn(*row, "command_line_indexes"), "");
 }
 
 TEST_F(RowTest, RowsAreCountedAndPlacedAtTheEnd) {
   ASSERT_TRUE(response_.buffer.PushFill(0xAB, 9));  // a response header
-  Convert<edr_process_create>(ProcessRecord(), "pid");
+  Convert(ProcessRecord(), "pid");
   EXPECT_EQ(response_.rows, 1u);
   EXPECT_EQ(response_.last_row, 9u);
   uint64_t second = response_.buffer.Size();
-  Convert<edr_process_create>(ProcessRecord(), "path");
+  Convert(ProcessRecord(), "path");
   EXPECT_EQ(response_.rows, 2u);
   EXPECT_EQ(response_.last_row, second);
   EXPECT_EQ(response_.buffer.Data()[0], 0xAB);
@@ -198,10 +204,10 @@ TEST_F(RowTest, EventsWithoutAConverterFail) {
 
 TEST_F(RowTest, JsonRenderingGoesToTheDebugLog) {
   tarn::test::LogCapture log;
-  Convert<edr_process_create>(ProcessRecord(), "");
+  Convert(ProcessRecord(), "");
   EXPECT_EQ(log.CountFrom(Keel::Log::StorageQuery, Keel::Log::Debug), 0u);
   settings_.aux_flag = true;
-  Convert<edr_process_create>(ProcessRecord(), "");
+  Convert(ProcessRecord(), "");
   auto records = log.Records();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].values[0], 107u);
@@ -242,20 +248,20 @@ TEST(RecordColumns, TextListsSplitAsTheyAreJoined) {
 
 TEST(RecordColumns, BuilderRejectsWhatItCannotStore) {
   Events::DynamicEventBuilder b;
-  edr_email_sent bad_address;
-  bad_address.set_local_ip("10.0.0.300");
-  EXPECT_FALSE(BuildRecord(bad_address, b));
-  edr_process_create bad_numbers;
-  bad_numbers.set_command_line_indexes("1,x");
-  EXPECT_FALSE(BuildRecord(bad_numbers, b));
-  bad_numbers.set_command_line_indexes("1,,2");
-  EXPECT_FALSE(BuildRecord(bad_numbers, b));
-  bad_numbers.set_command_line_indexes("1,2");
-  EXPECT_TRUE(BuildRecord(bad_numbers, b, 9));
+  auto bad_address = MakeRow("edr_email_sent");
+  SetColumn(*bad_address, "local_ip", "10.0.0.300");
+  EXPECT_FALSE(BuildRecord(*bad_address, b));
+  auto bad_numbers = MakeRow("edr_process_create");
+  SetColumn(*bad_numbers, "command_line_indexes", "1,x");
+  EXPECT_FALSE(BuildRecord(*bad_numbers, b));
+  SetColumn(*bad_numbers, "command_line_indexes", "1,,2");
+  EXPECT_FALSE(BuildRecord(*bad_numbers, b));
+  SetColumn(*bad_numbers, "command_line_indexes", "1,2");
+  EXPECT_TRUE(BuildRecord(*bad_numbers, b, 9));
   EXPECT_EQ(b.Event().Header().Version(), 9u);
-  edr_process_create huge;
-  huge.set_path(std::string(70000, 'a'));
-  EXPECT_FALSE(BuildRecord(huge, b));
+  auto huge = MakeRow("edr_process_create");
+  SetColumn(*huge, "path", std::string(70000, 'a'));
+  EXPECT_FALSE(BuildRecord(*huge, b));
 }
 
 }  // namespace

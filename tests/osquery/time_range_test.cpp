@@ -25,41 +25,6 @@ Filter Time(uint32_t op, std::string value, std::string affinity = "bigint") {
   return Filter{"date_time", op, std::move(value), std::move(affinity)};
 }
 
-TEST(TimeRangeTest, EachOperatorNarrowsInWholeSeconds) {
-  const std::string t = std::to_string(kMs);
-  struct Case {
-    uint32_t op;
-    uint64_t lower;
-    uint64_t upper;
-  } cases[] = {
-      {4, kSecond + 1, TimeRange::kDefaultUpper},
-      {32, kSecond, TimeRange::kDefaultUpper},
-      {16, TimeRange::kDefaultLower, kSecond - 1},
-      // "<=" carries over into the "<" rule: the same bound as "<".
-      {8, TimeRange::kDefaultLower, kSecond - 1},
-      {2, kSecond, kSecond},
-  };
-  for (const Case& c : cases) {
-    TimeRange range;
-    EXPECT_EQ(Narrow({Time(c.op, t)}, range), kStatusComplete) << c.op;
-    EXPECT_EQ(range.lower, c.lower) << c.op;
-    EXPECT_EQ(range.upper, c.upper) << c.op;
-  }
-
-  // Bounds only ever narrow; other columns do not count.
-  TimeRange range;
-  EXPECT_EQ(Narrow({Time(32, "5000"), Time(4, t), Time(16, std::to_string(kMs + 10'000)),
-                    Time(8, std::to_string(kMs + 20'000)), Filter{"pid", 2, "1", "integer"}},
-                   range),
-            kStatusComplete);
-  EXPECT_EQ(range.lower, kSecond + 1);
-  EXPECT_EQ(range.upper, kSecond + 9);
-  EXPECT_FALSE(range.IsDefault());
-  TimeRange untouched;
-  EXPECT_EQ(Narrow({Filter{"pid", 2, "1", "integer"}}, untouched), kStatusComplete);
-  EXPECT_TRUE(untouched.IsDefault());
-}
-
 TEST(TimeRangeTest, ContradictionsAndUnsupportedOperatorsAreStatusFour) {
   const std::string t = std::to_string(kMs);
   const std::vector<std::vector<Filter>> bad = {

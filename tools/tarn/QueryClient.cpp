@@ -1,6 +1,5 @@
 #include "tarn/QueryClient.h"
 
-#include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
 #include <cstring>
@@ -9,6 +8,7 @@
 #include "Tarn/Events/DynamicEventBuilder.h"
 #include "Tarn/Events/ExternalData.h"
 #include "Tarn/Events/QueryRecord.h"
+#include "generated/RowPrototype.h"
 #include "hx/MessageBus/Msg.h"
 #include "manager/Settings.h"
 #include "module/ConfigKeys.h"
@@ -17,7 +17,6 @@
 #include "osquery/Tables.h"
 #include "tarn/HostLog.h"
 #include "tarn/TextForms.h"
-#include "tarn_osquery_schema.pb.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -217,18 +216,9 @@ std::string QueryClient::Explain(uint32_t status) const {
 RowReader::~RowReader() = default;
 
 bool RowReader::Open(std::string_view table) {
-  // Naming one generated class keeps the schema library linked, and with it
-  // the tables in the generated pool.
-  static const bool linked = ::edr_process_create::descriptor() != nullptr;
-  (void)linked;
   row_.reset();
-  if (Storage::OSQuery::TableIdByName(table) == 0) return false;
-  const google::protobuf::Descriptor* descriptor =
-      google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(
-          std::string(table));
-  if (descriptor == nullptr) return false;
   const google::protobuf::Message* prototype =
-      google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor);
+      Storage::OSQuery::RowPrototype(Storage::OSQuery::TableIdByName(table));
   if (prototype == nullptr) return false;
   row_.reset(prototype->New());
   return true;

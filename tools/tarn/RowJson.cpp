@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Keel/OS/Network.h"
-#include "tarn_osquery_schema.pb.h"
+#include "generated/RowPrototype.h"
 #include "tarn/TextForms.h"
 
 namespace Tarn::Tool {
@@ -131,20 +131,12 @@ const TableInfo* RowJson::TableOf(const Message& row) {
 }
 
 Message* RowJson::Blank(std::string_view table) {
-  // Naming one generated class keeps the schema library linked (a linker
-  // drops a library nothing names), and with it the tables in the pool.
-  static const bool linked = ::edr_process_create::descriptor() != nullptr;
-  (void)linked;
   if (auto it = rows_.find(table); it != rows_.end()) {
     it->second->Clear();
     return it->second.get();
   }
-  if (Storage::OSQuery::TableIdByName(table) == 0) return nullptr;
-  const Descriptor* descriptor =
-      google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(std::string(table));
-  if (descriptor == nullptr) return nullptr;
   const Message* prototype =
-      google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor);
+      Storage::OSQuery::RowPrototype(Storage::OSQuery::TableIdByName(table));
   if (prototype == nullptr) return nullptr;
   Message* row = prototype->New();
   rows_.emplace(std::string(table), std::unique_ptr<Message>(row));

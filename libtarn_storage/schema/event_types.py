@@ -1,0 +1,57 @@
+"""The host's event types that have a table and the record version each
+table accepts, for generate_tables.py."""
+
+# The host's event types that have a table: (type id, event type name). The
+# table of an event type is named edr_ + its name in snake case.
+EVENT_TYPES = [
+    (2, "AMSIBuffer"), (4, "ChangeSambaResourcePermissions"), (8, "CreateSambaResource"),
+    (10, "DeleteSambaResource"), (11, "DirectoryCreate"), (12, "DirectoryDelete"),
+    (13, "DirectoryServiceCreate"), (14, "DirectoryServiceDelete"), (15, "DirectoryServiceModify"),
+    (16, "DirectoryServiceMove"), (17, "DirectoryServiceUndelete"), (21, "EmailReceived"),
+    (22, "EmailSent"), (23, "EnterIdleMode"), (25, "ExitIdleMode"),
+    (26, "ExternalNotificationOnFile"), (27, "ExternalNotificationOnNetworkConnection"),
+    (28, "ExternalNotificationOnProcess"), (29, "ExternalNotificationOnRegistry"),
+    (30, "ExternalNotificationOnURI"), (33, "FileADSCreate"), (34, "FileADSDelete"),
+    (36, "FileADSRead"), (37, "FileADSWrite"), (38, "FileAttributesChange"), (39, "FileCopy"),
+    (40, "FileCreate"), (41, "FileDelete"), (42, "FileMove"), (43, "FileOwnershipChange"),
+    (44, "FilePermissionChange"), (45, "FileRead"), (46, "FileRemoteAttributesChange"),
+    (47, "FileRemoteCreate"), (48, "FileRemoteDelete"), (49, "FileRemoteMove"),
+    (50, "FileRemoteRead"), (51, "FileRemoteWrite"), (52, "FileWrite"), (53, "FirewallRuleAdded"),
+    (54, "FirewallRuleDeleted"), (55, "FirewallRuleModified"), (56, "HardwareMount"),
+    (57, "HardwareUnmount"), (66, "LogInfo"), (70, "NetworkDisconnect"),
+    (72, "NetworkGenericConnect"), (73, "NetworkHTTPConnect"), (74, "NetworkHTTPConnectPublic"),
+    (75, "NetworkHTTPConnectRequest"), (76, "NetworkHTTPConnectResponse"),
+    (77, "NetworkHTTPConnectWebDAV"), (78, "NetworkHTTPConnectWinRM"), (80, "NetworkHTTPLogin"),
+    (81, "NetworkKerberosConnect"), (82, "NetworkKerberosLogin"),
+    (83, "NetworkKerberosServiceRequest"), (84, "NetworkLDAPBind"), (85, "NetworkLDAPConnect"),
+    (86, "NetworkLDAPObjModify"), (87, "NetworkLDAPUserAddToGroup"), (88, "NetworkLDAPUserCreate"),
+    (89, "NetworkLDAPUserPasswordChange"), (90, "NetworkPrinterRetrieveFile"),
+    (92, "NetworkRDPConnect"), (94, "NetworkRPCRemoteRegistryAccess"), (95, "NetworkRPCRequest"),
+    (96, "NetworkRPCSamrDiscovery"), (98, "NetworkSMBConnect"), (99, "NetworkSSHConnect"),
+    (100, "NetworkSSLConnect"), (101, "NetworkTelnetConnect"), (102, "NetworkTorConnect"),
+    (103, "NetworkVNCConnect"), (104, "NetworkWMIConnect"), (105, "PackedFile"),
+    (106, "ProcessAPICall"), (107, "ProcessCreate"), (108, "ProcessCreateFromLink"),
+    (109, "ProcessInjection"), (110, "ProcessLoadModule"), (111, "ProcessReadMemory"),
+    (112, "ProcessSignal"), (113, "ProcessTerminate"), (114, "ProcessTokenImpersonation"),
+    (115, "ProcessUpdateFlags"), (122, "RegistryKeyCreate"), (123, "RegistryKeyDelete"),
+    (126, "RegistryValueDelete"), (127, "RegistryValueQuery"), (128, "RegistryValueWrite"),
+    (136, "ScheduledTaskCreate"), (137, "ScheduledTaskDelete"), (138, "ScheduledTaskModify"),
+    (139, "ScreenCapture"), (140, "ServiceAdded"), (141, "ServiceChangeStatus"),
+    (142, "ServiceDelete"), (143, "ServiceModify"), (144, "ShellCommand"),
+    (150, "TamperAttemptOnFile"), (164, "UserAccountCreate"), (165, "UserAccountSettingsChange"),
+    (168, "UserLogin"), (169, "UserLogout"), (172, "UserSIDHistory"), (178, "WMIExecMethod"),
+    (179, "WMINewActivity"), (180, "WMINewBinding"), (187, "DockerContainer"),
+    (188, "LocalGenericConnect"), (224, "FileHardLink"), (225, "FileVirtualize"),
+    (226, "GroupMembershipInfo"), (227, "LanConnect"), (229, "RegistryKeyVirtualize"),
+    (230, "UserClaims"), (231, "FirewallBlock"), (240, "ProcessPrivilegeRequest"),
+    (241, "NetworkKerberosTicketRenewed"), (242, "ProcessCreatedByAnotherUser"),
+    (243, "UserPrivilegesAssigned"), (244, "ProcessEnumeratesGroup"),
+    (245, "ProcessEnumeratesUserGroups"), (246, "FileRemoteAccessRequest"),
+    (247, "NetworkWFPConnectionStatus"), (248, "ADObjectChangeRequest"),
+    (249, "ADNamingContextRemoved"), (250, "ComputerObjectChanged"),
+    (254, "ComputerObjectCreated"), (255, "ComputerObjectDeleted"), (261, "DriverLoadModule"),
+    (262, "DriverLoadModuleFromRegistry"), (310, "UserAccountDelete"), (407, "WFPFilterChange"),
+]
+
+# Tables whose records carry a version other than 1.
+ACCEPTED_VERSIONS = {8: 3, 4: 2, 56: 2, 57: 2, 106: 2, 136: 2, 137: 2, 138: 2}
