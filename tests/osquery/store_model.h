@@ -113,8 +113,17 @@ class StoreModel {
       if (days_.size() + 1 > max_days_) days_.erase(days_.begin());
       blocks_[day] = 0;
     }
-    if (padding_ && *padding_ != day) days_.erase(*padding_);
-    padding_.reset();
+    if (padding_ && days_.count(*padding_) == 0) padding_.reset();
+    // The padding day holds the store over its budget: days go oldest first,
+    // never the day being written, until it has gone.
+    for (auto it = days_.begin(); padding_ && it != days_.end();) {
+      if (it->first == day) {
+        ++it;
+        continue;
+      }
+      if (it->first == *padding_) padding_.reset();
+      it = days_.erase(it);
+    }
     std::vector<ModelEvent>& stored = days_[day];
     const uint32_t block = blocks_[day]++;
     for (uint32_t i = 0; i < events.size(); ++i) {
