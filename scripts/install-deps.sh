@@ -7,6 +7,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config ccache xz-utils
+  unzip  # the tools tests unpack the sample Windows telemetry
   python3
   liblzma-dev
   libprotobuf-dev protobuf-compiler
@@ -14,6 +15,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev
   libsqlite3-dev
+  libedit-dev
   libcli11-dev
   librocksdb-dev
   # The sanitizer build and the fuzzers: clang, its sanitizer runtimes (only

@@ -52,11 +52,23 @@ std::vector<std::string> SplitTextList(std::string_view joined) {
   return items;
 }
 
+bool ReadAddressText(std::string_view text, bool& present, Events::Address& address) {
+  present = !(text.empty() || text == "-");
+  if (!present) return true;
+  const size_t zone = text.find('%');
+  if (zone != std::string_view::npos) {
+    if (zone + 1 == text.size()) return false;
+    text = text.substr(0, zone);
+  }
+  return Keel::OS::Network::ParseAddress(text, address.ipv6, address.bytes) &&
+         (zone == std::string_view::npos || address.ipv6);
+}
+
 bool AddAddressColumn(Events::DynamicEventBuilder& b, std::string_view text) {
-  if (text.empty()) return b.AddEmptyAddress();
+  bool present = false;
   Events::Address address;
-  if (!Keel::OS::Network::ParseAddress(text, address.ipv6, address.bytes)) return false;
-  return b.AddAddress(address);
+  if (!ReadAddressText(text, present, address)) return false;
+  return present ? b.AddAddress(address) : b.AddEmptyAddress();
 }
 
 bool AddTextListColumn(Events::DynamicEventBuilder& b, std::string_view joined) {

@@ -17,7 +17,13 @@ namespace Tarn::Storage::OSQuery {
 // back without its quotes: such items do not survive a round trip.
 std::vector<std::string> SplitTextList(std::string_view joined);
 
-// An empty text stores no address; text that is no address fails.
+// Reads an address as logs write it. "" and "-" (Windows' "no address") are
+// none: true with `present` false. A zone suffix ("fe80::1%12") is read past,
+// as a stored address has room for its bytes only, and they alone find the
+// row. False for anything else.
+bool ReadAddressText(std::string_view text, bool& present, Events::Address& address);
+
+// An address as ReadAddressText reads it; anything else fails.
 bool AddAddressColumn(Events::DynamicEventBuilder& b, std::string_view text);
 bool AddTextListColumn(Events::DynamicEventBuilder& b, std::string_view joined);
 // Decimal unsigned values joined by ","; anything else fails.

@@ -60,14 +60,6 @@ bool Like(std::string_view text, std::string_view pattern) {
   return fold(text[0]) == fold(pattern[0]) && Like(text.substr(1), pattern.substr(1));
 }
 
-// A column of an imported event as SQL shows it: 64-bit numbers past 2^63
-// are the negative numbers of the same bits.
-Json SqlForm(const Json& event, const std::string& column) {
-  const Json& v = event.at(column);
-  if (v.is_number_unsigned()) return static_cast<int64_t>(v.get<uint64_t>());
-  return v;
-}
-
 using Rows = std::vector<std::vector<Json>>;
 
 Rows Sorted(Rows rows) {
@@ -127,7 +119,7 @@ class TarnSql : public ::testing::Test {
     for (const Json& e : events_) {
       if (e["table"] != table || !keep(e)) continue;
       std::vector<Json>& row = rows.emplace_back();
-      for (const std::string& c : columns) row.push_back(SqlForm(e, c));
+      for (const std::string& c : columns) row.push_back(e.at(c));
     }
     return rows;
   }
@@ -583,6 +575,9 @@ TEST(ResultPrinter, TableCsvAndJsonShowEveryKindOfCell) {
     printer.Row({SqlValue::Integer(-5), SqlValue::Text("a,\"b\"\nc"), SqlValue::Real(2.5)});
     printer.Row(
         {SqlValue(), SqlValue::Text("\xc3\xa9t\xc3\xa9 long text"), SqlValue::Blob("\x01\xff")});
+    SqlValue id = SqlValue::Integer(-59);
+    id.as_unsigned = true;
+    printer.Row({id, SqlValue::Text(""), SqlValue()});
     printer.End();
     printer.Begin({"x"});
     printer.End();
@@ -592,20 +587,23 @@ TEST(ResultPrinter, TableCsvAndJsonShowEveryKindOfCell) {
     return result;
   };
   EXPECT_EQ(print(ResultFormat::kTable, 8),
-            "n   name      n\n"
-            "--  --------  ----\n"
-            "-5  a,\"b\" c   2.5\n"
-            "    \xc3\xa9t\xc3\xa9 lon\xe2\x80\xa6  01ff\n"
-            "(2 rows)\n"
+            "n         name      n\n"
+            "--------  --------  ----\n"
+            "      -5  a,\"b\" c   2.5\n"
+            "          \xc3\xa9t\xc3\xa9 lon\xe2\x80\xa6  01ff\n"
+            "1844674\xe2\x80\xa6            \n"
+            "(3 rows)\n"
             "\n"
             "x\n"
             "-\n"
             "(0 rows)\n");
   EXPECT_EQ(print(ResultFormat::kCsv, 0),
-            "n,name,n\n-5,\"a,\"\"b\"\"\nc\",2.5\n,\xc3\xa9t\xc3\xa9 long text,01ff\n\nx\n");
+            "n,name,n\n-5,\"a,\"\"b\"\"\nc\",2.5\n,\xc3\xa9t\xc3\xa9 long text,01ff\n"
+            "18446744073709551557,\"\",\n\nx\n");
   EXPECT_EQ(print(ResultFormat::kJson, 0),
             "[\n{\"n\":-5,\"name\":\"a,\\\"b\\\"\\nc\",\"n\":2.5},\n"
-            "{\"n\":null,\"name\":\"\xc3\xa9t\xc3\xa9 long text\",\"n\":\"01ff\"}\n]\n[]\n");
+            "{\"n\":null,\"name\":\"\xc3\xa9t\xc3\xa9 long text\",\"n\":\"01ff\"},\n"
+            "{\"n\":18446744073709551557,\"name\":\"\",\"n\":null}\n]\n[]\n");
 }
 
 }  // namespace

@@ -92,12 +92,25 @@ TEST_F(TarnTool, SyntheticIngestThenInfoAndVerify) {
   EXPECT_NE(verify.out.find("no faults"), std::string::npos) << verify.out;
 
   // What the index holds, dump-index shows: one entry per block.
-  ToolRun dump = Run({"dump-index", "--store", Store(), "--out", "-"});
+  ToolRun dump = Run({"dump-index", "--store", Store()});
   ASSERT_EQ(dump.status, 0) << dump.err;
+  EXPECT_FALSE(std::filesystem::exists(Store() + "/index.json"));  // nothing written into the store
   nlohmann::json index = nlohmann::json::parse(dump.out);
   size_t blocks = 0;
   for (const auto& [day, entry] : index.items()) blocks += entry["blocks"].size();
   EXPECT_EQ(blocks, info["blocks"].get<size_t>());
+
+  // Against limits it says what a store opened with them would evict; an
+  // argument nobody takes is named as it was given.
+  ToolRun limited = Run({"info", "--store", Store(), "--no-tables", "--max-size", "1K"});
+  EXPECT_NE(limited.out.find("the store evicts " + std::to_string(info["by_day"].size()) + " day"),
+            std::string::npos)
+      << limited.out;
+  ToolRun extra = Run({"info", "--store", Store(), "--bogus", "1"});
+  EXPECT_EQ(extra.status, 1);
+  EXPECT_NE(extra.err.find("unexpected arguments --bogus 1 (see tarn info --help)"),
+            std::string::npos)
+      << extra.err;
 }
 
 TEST_F(TarnTool, ExportFollowsTimeAndFiltersByTableAndRange) {

@@ -4,6 +4,7 @@
 // command ran into a fault (bad input, a damaged store, a store in use).
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ struct IngestOptions {
   std::string end;  // a time; empty: now
   // Events from a JSON lines file ("-": standard input).
   std::string from;
+  std::string format = "auto";  // "tarn" (export's rows), "windows" (event logs), "auto"
   bool sort = false;
   bool skip_bad = false;
   // Print the store's telemetry report once the events are in.
@@ -45,6 +47,10 @@ struct InfoOptions {
   std::string store;
   bool json = false;
   bool tables = true;
+  // When given: how the store stands against them, and what a store opened
+  // with them would evict.
+  std::optional<uint64_t> max_size;
+  std::optional<uint32_t> max_days;
 };
 
 struct TelemetryOptions {
@@ -62,7 +68,10 @@ struct SqlOptions {
   std::string format = "table";
   uint32_t max_width = 60;  // characters of a table cell; 0: no limit
   bool stats = false;       // what the statements cost, on standard error
-  std::string sql;          // "-" or empty: standard input
+  // Each runs in turn, one statement or several separated by ";". "-"
+  // reads standard input; none reads it too, or opens the interactive shell
+  // when standard input is a terminal.
+  std::vector<std::string> statements;
 };
 
 struct QueryOptions {
@@ -106,6 +115,7 @@ struct IngestResult {
   double seconds = 0;
   int64_t first_ms = 0;
   int64_t last_ms = 0;
+  uint64_t cut = 0;  // events larger than a record, stored with texts cut
 };
 
 // Ingests synthetic events with `options` into the store; false with

@@ -3,6 +3,7 @@
 #include <google/protobuf/message.h>
 
 #include "osquery/RecordBuilder.h"
+#include "tarn/RecordFit.h"
 #include "tarn/TextForms.h"
 
 namespace Tarn::Tool {
@@ -47,8 +48,9 @@ bool EventFeed::Add(const google::protobuf::Message& row, std::string& error) {
         "go into a store of their own)";
     return false;
   }
-  if (!Storage::OSQuery::BuildRecord(row, builder_)) {
-    error = "the event does not fit in one record (a record holds at most 65,535 bytes)";
+  const bool whole = Storage::OSQuery::BuildRecord(row, builder_);
+  if (!whole && !BuildCutToFit(row, builder_)) {
+    error = "the event does not fit in one record (65,535 bytes), even with its texts cut";
     return false;
   }
   if (!host_.Feed(builder_.Data(), builder_.Size(), time_ms)) {
@@ -58,6 +60,7 @@ bool EventFeed::Add(const google::protobuf::Message& row, std::string& error) {
   if (SecondOf(time_ms) > SecondOf(newest_ms_)) newest_from_store_ = false;
   newest_ms_ = std::max(newest_ms_, time_ms);
   ++stored_;
+  cut_ += whole ? 0 : 1;
   record_bytes_ += builder_.Size();
   return true;
 }

@@ -19,6 +19,7 @@ namespace Tarn::Tool {
 //  - a time before 2000-01-01, the store's first day;
 //  - a time earlier than the newest event already stored (to the second):
 //    the store keeps each day's events in the order of time.
+// An event larger than a record is stored with its longest texts cut.
 class EventFeed {
  public:
   EventFeed(ModuleHost& host, int64_t newest_stored_ms);
@@ -29,6 +30,8 @@ class EventFeed {
 
   uint64_t Stored() const { return stored_; }
   uint64_t RecordBytes() const { return record_bytes_; }
+  // Events stored with texts cut to fit a record.
+  uint64_t Cut() const { return cut_; }
 
  private:
   ModuleHost& host_;
@@ -37,6 +40,7 @@ class EventFeed {
   bool newest_from_store_;
   uint64_t stored_ = 0;
   uint64_t record_bytes_ = 0;
+  uint64_t cut_ = 0;
 };
 
 }  // namespace Tarn::Tool

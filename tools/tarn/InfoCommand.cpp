@@ -6,12 +6,62 @@
 #include <filesystem>
 #include <fstream>
 
+#include <nlohmann/json.hpp>
+
 #include "Keel/Utils/TreeContainer.h"
 #include "tarn/Commands.h"
 #include "tarn/StoreFiles.h"
 #include "tarn/StoreStats.h"
+#include "tarn/TextForms.h"
 
 namespace Tarn::Tool {
+
+namespace {
+
+// The oldest days a store opened with the given limits evicts: days past
+// the day limit, then days while its files pass the size limit.
+std::vector<uint16_t> DaysPastLimits(const StoreStats& stats, const InfoOptions& options) {
+  uint64_t total = stats.loose_bytes;
+  for (const DayStats& day : stats.days) total += day.file_bytes;
+  std::vector<uint16_t> evicted;
+  size_t kept = stats.days.size();
+  for (const DayStats& day : stats.days) {
+    const bool too_many = options.max_days && kept > *options.max_days;
+    const bool too_big = options.max_size && total > *options.max_size;
+    if (!too_many && !too_big) break;
+    evicted.push_back(day.day);
+    total -= day.file_bytes;
+    --kept;
+  }
+  return evicted;
+}
+
+std::string LimitsText(const StoreStats& stats, const InfoOptions& options) {
+  uint64_t total = stats.loose_bytes;
+  for (const DayStats& day : stats.days) total += day.file_bytes;
+  std::string text = "limits       ";
+  if (options.max_size) text += FormatBytes(total) + " of " + FormatBytes(*options.max_size);
+  if (options.max_size && options.max_days) text += ", ";
+  if (options.max_days) {
+    text += std::to_string(stats.days.size()) + " of " + std::to_string(*options.max_days) + " days";
+  }
+  const std::vector<uint16_t> evicted = DaysPastLimits(stats, options);
+  if (evicted.empty()) return text + ": within them\n";
+  text += ": opened with these limits, the store evicts " + Counted(evicted.size(), "day") + " (";
+  for (size_t i = 0; i < evicted.size(); ++i) text += (i ? ", " : "") + FormatDay(evicted[i]);
+  return text + ")\n";
+}
+
+std::string LimitsJson(const StoreStats& stats, const InfoOptions& options) {
+  nlohmann::json limits;
+  if (options.max_size) limits["max_size"] = *options.max_size;
+  if (options.max_days) limits["max_days"] = *options.max_days;
+  limits["evicted_days"] = nlohmann::json::array();
+  for (uint16_t day : DaysPastLimits(stats, options)) limits["evicted_days"].push_back(FormatDay(day));
+  return limits.dump();
+}
+
+}  // namespace
 
 int RunInfo(const InfoOptions& options) {
   if (!std::filesystem::is_directory(options.store)) {
@@ -24,8 +74,20 @@ int RunInfo(const InfoOptions& options) {
     PrintError(error);
     return 1;
   }
-  std::string text =
-      options.json ? StatsJson(options.store, stats) + "\n" : FormatStats(options.store, stats, 0);
+  const bool limits = options.max_size || options.max_days;
+  std::string text;
+  if (options.json) {
+    text = StatsJson(options.store, stats);
+    if (limits) {
+      nlohmann::ordered_json document = nlohmann::ordered_json::parse(text);
+      document["limits"] = nlohmann::json::parse(LimitsJson(stats, options));
+      text = document.dump(2);
+    }
+    text += "\n";
+  } else {
+    text = FormatStats(options.store, stats, 0);
+    if (limits) text += "\n" + LimitsText(stats, options);
+  }
   std::fputs(text.c_str(), stdout);
   return 0;
 }
@@ -62,11 +124,12 @@ int RunDumpIndex(const DumpIndexOptions& options) {
     return 1;
   }
   std::string text = document.Dump(2) + "\n";
-  if (options.out == "-") {
+  // A reading command leaves the store directory as it found it.
+  if (options.out.empty() || options.out == "-") {
     std::fputs(text.c_str(), stdout);
     return 0;
   }
-  const std::string path = options.out.empty() ? options.store + "/index.json" : options.out;
+  const std::string& path = options.out;
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << text;
   if (!out.good()) {

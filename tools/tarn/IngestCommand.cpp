@@ -11,12 +11,14 @@
 
 #include "tarn/Commands.h"
 #include "tarn/EventFeed.h"
+#include "tarn/FileImport.h"
 #include "tarn/Progress.h"
-#include "tarn/RowJson.h"
 #include "tarn/StoreFiles.h"
 #include "tarn/StoreStats.h"
 #include "tarn/Synthetic.h"
 #include "tarn/TextForms.h"
+#include "tarn/WindowsEvents.h"
+#include "tarn/WindowsImport.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -50,6 +52,10 @@ void PrintSummary(const std::string& store, const IngestResult& result) {
                       ? static_cast<uint64_t>(static_cast<double>(result.stored) / result.seconds)
                       : result.stored)
           .c_str());
+  if (result.cut != 0) {
+    std::printf("longest texts cut to fit a record (65,535 bytes) in %s\n",
+                Counted(result.cut, "event").c_str());
+  }
   if (result.stored != 0) {
     std::printf("time span %s to %s\n", FormatTime(result.first_ms).c_str(),
                 FormatTime(result.last_ms).c_str());
@@ -67,88 +73,11 @@ void PrintSummary(const std::string& store, const IngestResult& result) {
 
 // ---- From a file ------------------------------------------------------------
 
-struct Pending {
-  int64_t time_ms;
-  uint64_t line;
-  std::string text;
-};
-
-class FileImport {
- public:
-  FileImport(const IngestOptions& options, EventFeed& feed) : options_(options), feed_(feed) {}
-
-  // False when a line stopped the import (or, with --skip-bad, when any
-  // line was refused).
-  bool Run(std::istream& in, uint64_t size);
-  uint64_t Refused() const { return refused_; }
-  int64_t first_ms = 0;
-  int64_t last_ms = 0;
-
- private:
-  bool Store(uint64_t line, std::string_view text);
-  bool Report(uint64_t line, const std::string& error);
-
-  const IngestOptions& options_;
-  EventFeed& feed_;
-  RowJson rows_;
-  uint64_t refused_ = 0;
-};
-
-bool FileImport::Report(uint64_t line, const std::string& error) {
-  ++refused_;
-  std::fprintf(stderr, "%s:%llu: %s\n", options_.from.c_str(),
-               static_cast<unsigned long long>(line), error.c_str());
-  return options_.skip_bad;
-}
-
-bool FileImport::Store(uint64_t line, std::string_view text) {
-  google::protobuf::Message* row = nullptr;
-  std::string error;
-  if (!rows_.Parse(text, row, error) || !feed_.Add(*row, error)) return Report(line, error);
-  int64_t time_ms = static_cast<int64_t>(
-      row->GetReflection()->GetUInt64(*row, row->GetDescriptor()->FindFieldByName("date_time")));
-  if (first_ms == 0) first_ms = time_ms;
-  last_ms = time_ms;
-  return true;
-}
-
-bool IsBlank(std::string_view line) {
-  return line.find_first_not_of(" \t\r") == std::string_view::npos;
-}
-
-bool FileImport::Run(std::istream& in, uint64_t size) {
-  Progress progress("import", size, "bytes");
-  std::string text;
-  uint64_t line = 0;
-  uint64_t read = 0;
-  std::vector<Pending> pending;
-  while (std::getline(in, text)) {
-    ++line;
-    read += text.size() + 1;
-    progress.Update(read);
-    if (IsBlank(text)) continue;
-    if (!options_.sort) {
-      if (!Store(line, text)) return false;
-      continue;
-    }
-    // Sorting needs every time first: read them now, store in order later.
-    google::protobuf::Message* row = nullptr;
-    std::string error;
-    if (!rows_.Parse(text, row, error)) {
-      if (!Report(line, error)) return false;
-      continue;
-    }
-    int64_t time_ms = static_cast<int64_t>(
-        row->GetReflection()->GetUInt64(*row, row->GetDescriptor()->FindFieldByName("date_time")));
-    pending.push_back({time_ms, line, std::move(text)});
-  }
-  std::stable_sort(pending.begin(), pending.end(),
-                   [](const Pending& a, const Pending& b) { return a.time_ms < b.time_ms; });
-  for (const Pending& p : pending) {
-    if (!Store(p.line, p.text)) return false;
-  }
-  progress.Finish();
-  return refused_ == 0;
+// Windows events when the option says so, or when the first line looks like
+// one; else rows in the form export writes.
+bool IsWindows(const IngestOptions& options, LineReader& lines) {
+  if (options.format != "auto") return options.format == "windows";
+  return Windows::LooksLikeEvent(lines.Peek());
 }
 
 int IngestFile(const IngestOptions& options) {
@@ -173,30 +102,28 @@ int IngestFile(const IngestOptions& options) {
     return 1;
   }
   EventFeed feed(host, host.NewestStoredAtOpen());
-  IngestResult result;
-  bool complete = false;
-  uint64_t refused = 0;
-  {
-    // The row messages go before the store closes: closing shuts protobuf down.
-    FileImport import(options, feed);
-    auto start = std::chrono::steady_clock::now();
-    complete = import.Run(*in, size);
-    result = {feed.Stored(), feed.RecordBytes(), SecondsSince(start), import.first_ms,
-              import.last_ms};
-    refused = import.Refused();
-  }
+  LineReader lines(*in, size);
+  auto start = std::chrono::steady_clock::now();
+  // Each import drops its row messages before it returns: closing the store
+  // shuts protobuf down.
+  const ImportOutcome outcome = IsWindows(options, lines)
+                                    ? ImportWindowsEvents(options, feed, lines)
+                                    : ImportRowLines(options, feed, lines);
+  const IngestResult result{feed.Stored(), feed.RecordBytes(), SecondsSince(start),
+                            outcome.first_ms, outcome.last_ms, feed.Cut()};
   bool closed = Finish(host, options.telemetry, error);
   if (!closed) PrintError(error);
-  if (!complete && !options.skip_bad) {
+  if (!outcome.complete && !options.skip_bad) {
     std::fprintf(stderr,
                  "tarn: import stopped at the line above; the %s events before it are stored\n",
                  FormatCount(feed.Stored()).c_str());
-  } else if (refused != 0) {
-    std::fprintf(stderr, "tarn: %s lines refused, %s events stored\n", FormatCount(refused).c_str(),
-                 FormatCount(feed.Stored()).c_str());
+  } else if (outcome.refused != 0) {
+    std::fprintf(stderr, "tarn: %s lines refused, %s events stored\n",
+                 FormatCount(outcome.refused).c_str(), FormatCount(feed.Stored()).c_str());
   }
   PrintSummary(options.host.store, result);
-  return complete && closed ? 0 : 1;
+  std::fputs(outcome.summary.c_str(), stdout);
+  return outcome.complete && closed ? 0 : 1;
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "tarn/Commands.h"
 #include "tarn/QueryClient.h"
 #include "tarn/RowJson.h"
+#include "tarn/SqlAddresses.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -93,7 +94,8 @@ int RunQuery(const QueryOptions& options) {
   QueryRequest request;
   request.table = options.table;
   request.columns = options.columns;
-  request.constraints = options.constraints;
+  // An address copied from a log finds the row that spells it another way.
+  request.constraints = WithRowSpellings(options.constraints, options.table);
   request.page = options.page;
   if (!options.token.empty() && !ParseToken(options.token, request.token)) {
     PrintError("--token takes the hexadecimal position an answer gave, not \"" + options.token +

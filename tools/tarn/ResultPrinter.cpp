@@ -58,6 +58,28 @@ std::string Cell(std::string text, size_t max) {
   return text.substr(0, i) + "\u2026";
 }
 
+std::string IntegerText(const SqlValue& value) {
+  return value.as_unsigned ? std::to_string(static_cast<uint64_t>(value.integer))
+                           : std::to_string(value.integer);
+}
+
+// One CSV field as RFC 4180 has it, with sqlite3's one addition: an empty
+// text is written "" so that it reads back apart from NULL (an empty field).
+void AppendCsvField(std::string& line, const std::string& field, bool is_empty_text) {
+  const bool quoted = is_empty_text || field.find_first_of(",\"\r\n") != std::string::npos ||
+                      (!field.empty() && (field.front() == ' ' || field.back() == ' '));
+  if (!quoted) {
+    line += field;
+    return;
+  }
+  line += '"';
+  for (char c : field) {
+    if (c == '"') line += '"';
+    line += c;
+  }
+  line += '"';
+}
+
 bool IsNumber(const SqlValue& value) {
   return value.type == SqlValue::Type::kInteger || value.type == SqlValue::Type::kReal;
 }
@@ -87,7 +109,7 @@ ResultPrinter::ResultPrinter(ResultFormat format, std::FILE* out, size_t max_wid
 std::string ResultPrinter::Text(const SqlValue& value) {
   switch (value.type) {
     case SqlValue::Type::kNull: return "";
-    case SqlValue::Type::kInteger: return std::to_string(value.integer);
+    case SqlValue::Type::kInteger: return IntegerText(value);
     case SqlValue::Type::kReal: return RealText(value.real);
     case SqlValue::Type::kText: return value.text;
     case SqlValue::Type::kBlob: return Hex(value.text);
@@ -105,7 +127,7 @@ void ResultPrinter::Begin(std::vector<std::string> columns) {
       break;
     case ResultFormat::kCsv:
       if (results_ > 0) std::fputc('\n', out_);
-      WriteCsvRow(columns_);
+      WriteCsvRow(std::vector<SqlValue>(), columns_);
       break;
     case ResultFormat::kJson:
       std::fputs("[", out_);
@@ -122,7 +144,7 @@ void ResultPrinter::Row(std::vector<SqlValue> values) {
       std::vector<std::string> fields;
       fields.reserve(values.size());
       for (const SqlValue& v : values) fields.push_back(Text(v));
-      WriteCsvRow(fields);
+      WriteCsvRow(values, fields);
       break;
     }
     case ResultFormat::kJson:
@@ -188,23 +210,14 @@ void ResultPrinter::WriteTable() {
   table_.clear();
 }
 
-void ResultPrinter::WriteCsvRow(const std::vector<std::string>& fields) {
+void ResultPrinter::WriteCsvRow(const std::vector<SqlValue>& values,
+                                const std::vector<std::string>& fields) {
   std::string line;
   for (size_t i = 0; i < fields.size(); ++i) {
-    const std::string& f = fields[i];
     if (i > 0) line += ',';
-    const bool quoted = f.find_first_of(",\"\r\n") != std::string::npos ||
-                        (!f.empty() && (f.front() == ' ' || f.back() == ' '));
-    if (!quoted) {
-      line += f;
-      continue;
-    }
-    line += '"';
-    for (char c : f) {
-      if (c == '"') line += '"';
-      line += c;
-    }
-    line += '"';
+    const bool empty_text =
+        i < values.size() && values[i].type == SqlValue::Type::kText && values[i].text.empty();
+    AppendCsvField(line, fields[i], empty_text || (values.empty() && fields[i].empty()));
   }
   line += '\n';
   std::fwrite(line.data(), 1, line.size(), out_);
@@ -221,7 +234,7 @@ void ResultPrinter::WriteJsonRow(const std::vector<SqlValue>& values) {
     const SqlValue& v = values[c];
     switch (v.type) {
       case SqlValue::Type::kNull: line += "null"; break;
-      case SqlValue::Type::kInteger: line += std::to_string(v.integer); break;
+      case SqlValue::Type::kInteger: line += IntegerText(v); break;
       case SqlValue::Type::kReal:
         line += std::isfinite(v.real) ? RealText(v.real) : "null";
         break;

@@ -17,10 +17,11 @@ bool ParseResultFormat(std::string_view text, ResultFormat& format);
 // Writes the results of SQL statements, one after another:
 //   table  aligned columns under a header, numbers to the right, long cells
 //          cut to `max_width` characters, and the row count below;
-//   csv    a header line, then one line per row, quoted as RFC 4180 says
-//          (NULL is an empty field);
+//   csv    a header line, then one line per row, quoted as RFC 4180 says;
+//          as in sqlite3, NULL is an empty field and an empty text "";
 //   json   one array of objects per statement, one object per line, keys in
 //          column order (numbers as numbers, NULL as null, blobs as hex).
+// Integers marked as_unsigned (64-bit ids) show their 64 bits unsigned.
 class ResultPrinter {
  public:
   // `max_width` 0: cells are never cut.
@@ -40,7 +41,8 @@ class ResultPrinter {
 
  private:
   void WriteTable();
-  void WriteCsvRow(const std::vector<std::string>& fields);
+  // `values` tells an empty text from NULL; none: a header.
+  void WriteCsvRow(const std::vector<SqlValue>& values, const std::vector<std::string>& fields);
   void WriteJsonRow(const std::vector<SqlValue>& values);
 
   ResultFormat format_;

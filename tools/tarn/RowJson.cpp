@@ -6,8 +6,8 @@
 #include <google/protobuf/descriptor.h>
 #include <nlohmann/json.hpp>
 
-#include "Keel/OS/Network.h"
 #include "generated/RowPrototype.h"
+#include "osquery/RecordColumns.h"
 #include "tarn/TextForms.h"
 
 namespace Tarn::Tool {
@@ -82,13 +82,12 @@ bool SetText(const Json& value, const ColumnInfo& column, const FieldDescriptor&
     error = where + " holds a NUL character, which a stored text cannot";
     return false;
   }
-  if (column.kind == ColumnKind::kAddress && !text.empty()) {
-    bool ipv6 = false;
-    uint8_t bytes[16];
-    if (!Keel::OS::Network::ParseAddress(text, ipv6, bytes)) {
-      error = where + " takes an IPv4 or IPv6 address (or \"\"); got " + Shown(value);
-      return false;
-    }
+  bool present = false;
+  Events::Address address;
+  if (column.kind == ColumnKind::kAddress &&
+      !Storage::OSQuery::ReadAddressText(text, present, address)) {
+    error = where + " takes an IPv4 or IPv6 address (or \"\" or \"-\"); got " + Shown(value);
+    return false;
   }
   if (column.kind == ColumnKind::kNumberList && !IsNumberList(text)) {
     error = where + " takes whole numbers joined by \",\" (\"1,2,3\"); got " + Shown(value);
@@ -104,7 +103,11 @@ bool SetNumber(const Json& value, const FieldDescriptor& field, Message& row, st
   const uint64_t max =
       wide ? std::numeric_limits<uint64_t>::max() : std::numeric_limits<uint32_t>::max();
   uint64_t number = 0;
-  if (field.name() == "date_time" && value.is_string()) {
+  // Digits in a text are a number in every column; date_time also takes a
+  // time.
+  const bool time_text = field.name() == "date_time" && value.is_string() &&
+                         !ReadDigits(value.get_ref<const std::string&>(), number);
+  if (time_text) {
     int64_t ms = 0;
     if (!ParseTime(value.get_ref<const std::string&>(), false, ms) || ms < 0) {
       error = "date_time takes milliseconds since 1970 or an ISO 8601 time; got " + Shown(value);

@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "tarn/SqlConstraints.h"
+#include "tarn/SqlAddresses.h"
 
 namespace Tarn::Tool {
 
@@ -33,7 +34,7 @@ bool ValueKey(const SqlValue& value, ColumnKind kind, std::string& key, bool& ne
   never = false;
   if (!IsNumericKind(kind)) {
     if (value.type != SqlValue::Type::kText) return false;
-    key = value.text;
+    key = kind == ColumnKind::kAddress ? RowSpelling(value.text) : value.text;
     return true;
   }
   int64_t number = 0;

@@ -2,6 +2,9 @@
 // agent's host opens it, and SQLite asks it table queries as a requester on
 // the message bus would.
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
@@ -10,6 +13,7 @@
 #include "tarn/Commands.h"
 #include "tarn/ResultPrinter.h"
 #include "tarn/SqlSession.h"
+#include "tarn/SqlShell.h"
 #include "tarn/TextForms.h"
 
 namespace Tarn::Tool {
@@ -43,11 +47,15 @@ int RunSql(const SqlOptions& options) {
     PrintError("--format takes table, csv or json, not \"" + options.format + "\"");
     return 1;
   }
-  std::string sql = options.sql;
-  if (sql.empty() || sql == "-") {
-    sql.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  const bool shell = options.statements.empty() && isatty(STDIN_FILENO) == 1;
+  std::vector<std::string> texts = options.statements;
+  if (texts.empty()) texts.emplace_back("-");
+  for (std::string& sql : texts) {
+    if (sql == "-" && !shell) {
+      sql.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    }
   }
-  if (IsBlank(sql)) {
+  if (!shell && std::all_of(texts.begin(), texts.end(), IsBlank)) {
     PrintError("no SQL to run: give a statement, or \"-\" to read them from standard input");
     return 1;
   }
@@ -62,8 +70,18 @@ int RunSql(const SqlOptions& options) {
     PrintError(error);
     return 1;
   }
-  ResultPrinter printer(format, stdout, format == ResultFormat::kTable ? options.max_width : 0);
-  bool ok = session.Run(sql, printer, error);
+  bool ok = true;
+  if (shell) {
+    ok = RunShell(session, {options.host.store, format, options.max_width, DefaultHistoryPath()},
+                  error);
+  } else {
+    // Each text in turn, as sqlite3 runs its arguments, up to the first
+    // that fails.
+    ResultPrinter printer(format, stdout, format == ResultFormat::kTable ? options.max_width : 0);
+    for (const std::string& sql : texts) {
+      if (!(ok = session.Run(sql, printer, error))) break;
+    }
+  }
   if (!ok) PrintError(error);
   if (options.stats) {
     PrintStats(session.Stats(), static_cast<double>(RealNowMs() - started) / 1000.0);

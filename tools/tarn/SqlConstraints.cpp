@@ -1,10 +1,13 @@
 #include "tarn/SqlConstraints.h"
 
+#include <charconv>
 #include <cmath>
 #include <limits>
 #include <optional>
 
 #include <nlohmann/json.hpp>
+
+#include "tarn/SqlAddresses.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -133,7 +136,35 @@ bool PushWide(Json& root, const ColumnInfo& column, uint8_t op, int64_t bound) {
   return true;
 }
 
+// A text SQLite reads as a number when it compares it with a number column.
+bool IsNumberText(std::string_view text) {
+  const size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return false;
+  text = text.substr(first, text.find_last_not_of(" \t\r\n") + 1 - first);
+  if (text.front() == '+') text.remove_prefix(1);
+  double value = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return ec == std::errc() && end == text.data() + text.size();
+}
+
 }  // namespace
+
+bool CheckTimeTerms(const Storage::OSQuery::TableInfo& table, std::span<const SqlConstraint> terms,
+                    std::string& error) {
+  for (const SqlConstraint& term : terms) {
+    if (term.column >= table.column_count ||
+        table.columns[term.column].kind != ColumnKind::kDateTime ||
+        term.value.type != SqlValue::Type::kText || IsNumberText(term.value.text)) {
+      continue;
+    }
+    error = std::string(table.columns[term.column].name) +
+            " holds milliseconds since 1970 (UTC) and cannot be compared with the text '" +
+            term.value.text + "': write ts('" + term.value.text +
+            "') for a date or ISO 8601 time, e.g. ts('2023-08-16 14:00')";
+    return false;
+  }
+  return true;
+}
 
 bool IsNumericKind(ColumnKind kind) {
   return kind == ColumnKind::kDateTime || kind == ColumnKind::kUInt32 ||
@@ -195,7 +226,12 @@ PushedConstraints PushConstraints(const Storage::OSQuery::TableInfo& table,
       }
       ++result.pushed;
     } else if (term.value.type == SqlValue::Type::kText && IsUtf8(term.value.text)) {
-      Add(root, column, "text", term.op, term.value.text);
+      // An address compares through its collation; the store sees the
+      // row's spelling. Orderings of spellings are the collation's alone.
+      const bool address = column.kind == ColumnKind::kAddress;
+      if (address && term.op != kSqlEquals && term.op != kSqlLike) continue;
+      const bool respell = address && term.op == kSqlEquals;
+      Add(root, column, "text", term.op, respell ? RowSpelling(term.value.text) : term.value.text);
       ++result.pushed;
     }
   }

@@ -39,6 +39,13 @@ struct SqlConstraint {
 bool DateTimeSpan(const Storage::OSQuery::TableInfo& table, std::span<const SqlConstraint> terms,
                   int64_t& lower, int64_t& upper);
 
+// False, with advice in `error`, when a term compares date_time (a number
+// of milliseconds) with a text that is no number, such as '2023-08-16':
+// SQLite orders every number before every text, so the term would select
+// all rows or none without a word. ts() turns such a text into a time.
+bool CheckTimeTerms(const Storage::OSQuery::TableInfo& table, std::span<const SqlConstraint> terms,
+                    std::string& error);
+
 // The store's constraints for a scan.
 struct PushedConstraints {
   bool nothing = false;  // no stored row can satisfy the terms: ask nothing
@@ -53,9 +60,9 @@ struct PushedConstraints {
 // checks every term again. So a term goes in only as far as the store
 // applies it alike: numbers against whole numbers (a real bound becomes the
 // whole number that keeps the same rows), texts against texts, LIKE on
-// texts; anything else is left to SQLite alone. A 64-bit column shows its
-// numbers past 2^63 as negative ones, so it takes only equal terms and lower
-// bounds of 0 or more.
+// texts; anything else is left to SQLite alone. SQLite holds a 64-bit
+// column's numbers past 2^63 as negative ones, so such a column takes only
+// equal terms and lower bounds of 0 or more.
 //
 // date_time is special: the store keeps time to the second and its range
 // rounds ">" and "<=" inward, so the terms on date_time are joined into one

@@ -6,13 +6,29 @@
 #include <vector>
 
 #include "tarn/ResultPrinter.h"
+#include "tarn/SqlAddresses.h"
+#include "tarn/SqlFunctions.h"
+#include "tarn/SqlLiterals.h"
 
 namespace Tarn::Tool {
 namespace {
 
-SqlValue CellOf(sqlite3_stmt* statement, int i) {
+// VM steps between two looks at the stop flag.
+constexpr int kStopCheckSteps = 1000;
+
+// A result column taken straight from a 64-bit id column.
+bool IsUnsignedColumn(sqlite3_stmt* statement, int i) {
+  const char* type = sqlite3_column_decltype(statement, i);
+  return type != nullptr && sqlite3_stricmp(type, kUnsignedType) == 0;
+}
+
+SqlValue CellOf(sqlite3_stmt* statement, int i, bool as_unsigned) {
   switch (sqlite3_column_type(statement, i)) {
-    case SQLITE_INTEGER: return SqlValue::Integer(sqlite3_column_int64(statement, i));
+    case SQLITE_INTEGER: {
+      SqlValue value = SqlValue::Integer(sqlite3_column_int64(statement, i));
+      value.as_unsigned = as_unsigned;
+      return value;
+    }
     case SQLITE_FLOAT: return SqlValue::Real(sqlite3_column_double(statement, i));
     case SQLITE_TEXT: {
       const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, i));
@@ -32,16 +48,20 @@ SqlValue CellOf(sqlite3_stmt* statement, int i) {
 bool RunStatement(sqlite3* db, sqlite3_stmt* statement, ResultPrinter& printer,
                   std::string& error) {
   const int columns = sqlite3_column_count(statement);
+  std::vector<bool> as_unsigned;
   if (columns > 0) {
     std::vector<std::string> names;
-    for (int i = 0; i < columns; ++i) names.emplace_back(sqlite3_column_name(statement, i));
+    for (int i = 0; i < columns; ++i) {
+      names.emplace_back(sqlite3_column_name(statement, i));
+      as_unsigned.push_back(IsUnsignedColumn(statement, i));
+    }
     printer.Begin(std::move(names));
   }
   int rc;
   while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
     std::vector<SqlValue> row;
     row.reserve(static_cast<size_t>(columns));
-    for (int i = 0; i < columns; ++i) row.push_back(CellOf(statement, i));
+    for (int i = 0; i < columns; ++i) row.push_back(CellOf(statement, i, as_unsigned[i]));
     printer.Row(std::move(row));
   }
   if (rc != SQLITE_DONE) {
@@ -82,7 +102,10 @@ bool SqlSession::Open(const HostOptions& host, const QueryLimits& limits, std::s
     return false;
   }
   tables_ = std::make_unique<StoreTables>(*client_);
-  if (!tables_->Register(db_, error)) return false;
+  if (!tables_->Register(db_, error) || !RegisterTimeFunctions(db_, error) ||
+      !RegisterAddressCollation(db_, error)) {
+    return false;
+  }
   read_at_open_ = ProcessBytesRead();
   return true;
 }
@@ -92,7 +115,7 @@ bool SqlSession::Run(std::string_view sql, ResultPrinter& printer, std::string& 
     error = "the store is not open";
     return false;
   }
-  std::string text(sql);
+  const std::string text = SignedIdLiterals(sql);
   const char* rest = text.c_str();
   while (*rest != '\0') {
     sqlite3_stmt* statement = nullptr;
@@ -108,6 +131,14 @@ bool SqlSession::Run(std::string_view sql, ResultPrinter& printer, std::string& 
     if (!ok) return false;
   }
   return true;
+}
+
+void SqlSession::StopWhen(const volatile std::sig_atomic_t* flag) {
+  if (db_ == nullptr) return;
+  sqlite3_progress_handler(
+      db_, kStopCheckSteps,
+      [](void* stop) { return *static_cast<const volatile std::sig_atomic_t*>(stop) != 0 ? 1 : 0; },
+      const_cast<std::sig_atomic_t*>(flag));
 }
 
 SqlStats SqlSession::Stats() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,8 +39,18 @@ class SqlSession {
   bool Open(const HostOptions& host, const QueryLimits& limits, std::string& error);
 
   // Runs the statements of `sql` one after another, each one's rows to
-  // `printer`. False with `error` at the first that fails.
+  // `printer`. False with `error` at the first that fails. Integer literals
+  // past 2^63 are read as 64-bit ids (see SignedIdLiterals); results show
+  // the columns of such ids unsigned.
   bool Run(std::string_view sql, ResultPrinter& printer, std::string& error);
+
+  // For Ctrl-C: from now on a statement stops with "interrupted" once
+  // `*flag` is set (by a signal handler), even if it was set before the
+  // statement started. SQLite looks at it as it runs (its progress
+  // handler), so a page the store is answering arrives first. Unlike
+  // sqlite3_interrupt(), whose mark outlives an idle moment and fails the
+  // next statement, the flag is the caller's to clear.
+  void StopWhen(const volatile std::sig_atomic_t* flag);
 
   SqlStats Stats() const;
 

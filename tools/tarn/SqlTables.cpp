@@ -11,6 +11,7 @@
 #include "osquery/Tables.h"
 #include "tarn/QueryClient.h"
 #include "tarn/ScanCache.h"
+#include "tarn/SqlAddresses.h"
 #include "tarn/SqlConstraints.h"
 
 namespace Tarn::Tool {
@@ -119,7 +120,8 @@ std::string Declaration(const TableInfo& table) {
   for (const ColumnInfo& column : table.Columns()) {
     if (&column != table.columns) sql += ", ";
     sql += '"' + std::string(column.name) + "\" ";
-    sql += IsNumericKind(column.kind) ? "INTEGER" : "TEXT";
+    sql += DeclaredType(column.kind);
+    if (column.kind == ColumnKind::kAddress) sql += std::string(" COLLATE ") + kAddressCollation;
   }
   return sql + ")";
 }
@@ -433,6 +435,10 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
   c.last_plan = plan_text;
   c.last_values = values;
 
+  if (std::string error; !CheckTimeTerms(*table.table, all, error)) {
+    table.SetError(error);
+    return SQLITE_ERROR;
+  }
   c.kept.reset();
   c.answer = QueryAnswer();
   c.next = 0;
@@ -497,9 +503,9 @@ int Column(sqlite3_vtab_cursor* base, sqlite3_context* context, int i) {
       break;
     case ColumnKind::kDateTime:
     case ColumnKind::kUInt64:
-      // SQLite's integers are signed 64-bit: a number past 2^63 shows as the
-      // negative number of the same bits, so that ids stay exact and equal
-      // ids join.
+      // SQLite's integers are signed 64-bit: a number past 2^63 is held as
+      // the negative number of the same bits, so that ids stay exact and
+      // equal ids join (results show them unsigned again: DeclaredType).
       sqlite3_result_int64(context, static_cast<sqlite3_int64>(r.GetUInt64(row, field)));
       break;
     default: {
@@ -540,6 +546,11 @@ sqlite3_module MakeModule() {
 const sqlite3_module kModule = MakeModule();
 
 }  // namespace
+
+const char* DeclaredType(ColumnKind kind) {
+  if (kind == ColumnKind::kUInt64) return kUnsignedType;
+  return IsNumericKind(kind) ? "INTEGER" : "TEXT";
+}
 
 StoreTables::StoreTables(QueryClient& client) : session_(std::make_shared<ScanSession>(client)) {}
 

@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "osquery/Tables.h"
+
 struct sqlite3;
 
 namespace Tarn::Tool {
@@ -18,10 +20,17 @@ struct ScanCacheStats {
   uint64_t kept_bytes = 0;
 };
 
+// The type a column is declared with: INTEGER for numbers, kUnsignedType
+// for 64-bit ones, TEXT for the rest. SQLite's integers are signed, so a
+// 64-bit id past 2^63 is held as the negative number of the same 64 bits
+// (ids stay exact and equal ids join); the declared type lets a result show
+// it unsigned again, as the store and `tarn export` have it.
+inline constexpr char kUnsignedType[] = "UNSIGNED BIGINT";
+const char* DeclaredType(Storage::OSQuery::ColumnKind kind);
+
 // The 135 tables as eponymous virtual tables of one SQLite database, with
-// each table's columns (numbers INTEGER, the rest TEXT), answered by the
-// store through a QueryClient, which must outlive the database. A 64-bit
-// number past 2^63 shows as the negative number of the same 64 bits.
+// each table's columns typed as DeclaredType says, answered by the store
+// through a QueryClient, which must outlive the database.
 //
 // A scan hands the store the WHERE terms it can apply (=, <, <=, >, >= and
 // LIKE, and the date_time range; see PushConstraints) as the query's
@@ -34,6 +43,10 @@ struct ScanCacheStats {
 // a second scan under the same plan), the rows of the terms that stay the
 // same are asked for once and kept for the session; the join's equal terms
 // look them up and its date_time bounds cut them.
+//
+// A date_time term with a text that is no number fails the statement with
+// advice (SQLite would compare a number with a text and silently select all
+// rows or none).
 class StoreTables {
  public:
   explicit StoreTables(QueryClient& client);

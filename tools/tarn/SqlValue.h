@@ -14,6 +14,9 @@ struct SqlValue {
   int64_t integer = 0;
   double real = 0;
   std::string text;  // text, or the bytes of a blob
+  // An integer of a 64-bit id column: its 64 bits read as unsigned, as the
+  // store and `tarn export` have them (SQLite's integers are signed).
+  bool as_unsigned = false;
 
   static SqlValue Integer(int64_t value) {
     SqlValue v;

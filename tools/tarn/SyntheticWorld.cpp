@@ -6,6 +6,7 @@
 
 #include "Keel/OS/Network.h"
 #include "Keel/Utils/String.h"
+#include "tarn/CommandLine.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -63,23 +64,6 @@ std::string Base64(const std::string& bytes) {
     out.push_back(i + 2 < bytes.size() ? kAlphabet[n & 63] : '=');
   }
   return out;
-}
-
-// Start offsets of the arguments of a command line, quotes respected.
-std::vector<uint64_t> ArgumentOffsets(const std::string& line) {
-  std::vector<uint64_t> offsets;
-  bool quoted = false;
-  bool in_token = false;
-  for (size_t i = 0; i < line.size(); ++i) {
-    char c = line[i];
-    if (!in_token && c != ' ') {
-      offsets.push_back(i);
-      in_token = true;
-    }
-    if (c == '"') quoted = !quoted;
-    if (c == ' ' && !quoted) in_token = false;
-  }
-  return offsets;
 }
 
 std::vector<std::string_view> Split(std::string_view text, char separator) {

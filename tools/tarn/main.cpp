@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -88,10 +89,22 @@ bool ReadQueryLimits(const QueryLimitTexts& texts, QueryLimits& limits, std::str
   return CheckQueryLimits(limits, error);
 }
 
-std::string Joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& w : words) text += (text.empty() ? "" : " ") + w;
-  return text;
+// Arguments no option took, named in the order they were given (the parser
+// collects them back to front), with where to look for the right ones.
+int ReportExtras(CLI::App& app, int argc, char** argv) {
+  std::vector<std::string> left = app.remaining(true);
+  std::string names;
+  for (int i = 1; i < argc && !left.empty(); ++i) {
+    auto it = std::find(left.begin(), left.end(), argv[i]);
+    if (it == left.end()) continue;
+    left.erase(it);
+    names += (names.empty() ? "" : " ") + std::string(argv[i]);
+  }
+  std::vector<CLI::App*> commands = app.get_subcommands();
+  const std::string help = commands.empty() ? "tarn --help" : "tarn " + commands.front()->get_name() + " --help";
+  PrintError("unexpected " + std::string(names.find(' ') == std::string::npos ? "argument" : "arguments") +
+             " " + names + " (see " + help + ")");
+  return 1;
 }
 
 }  // namespace
@@ -131,8 +144,15 @@ int main(int argc, char** argv) {
                          "last moment of the synthetic span (a date or ISO 8601 time; now)");
   CLI::Option* from = ingest_cmd->add_option(
       "--from", ingest.from,
-      "JSON lines to import, as `tarn export` writes them (\"-\": standard input)");
+      "JSON lines to import, as `tarn export` writes them or Windows event logs (\"-\": "
+      "standard input)");
   synthetic->excludes(from);
+  ingest_cmd
+      ->add_option("--format", ingest.format,
+                   "what the file holds: tarn (rows as `tarn export` writes them), windows "
+                   "(Windows event logs as JSON lines: Sysmon, Security, System, PowerShell) "
+                   "or auto (known by its first line; the default)")
+      ->check(CLI::IsMember({"auto", "tarn", "windows"}));
   ingest_cmd->add_flag("--sort", ingest.sort, "order the file's events by time before storing");
   ingest_cmd->add_flag("--skip-bad", ingest.skip_bad,
                        "report refused lines and go on (without it the first one stops the "
@@ -166,6 +186,11 @@ int main(int argc, char** argv) {
   info_cmd->add_option("--store", info.store, kStoreHelp)->required();
   info_cmd->add_flag("--json", info.json, "print JSON");
   info_cmd->add_flag("--no-tables", no_tables, "skip decoding the blocks for events per table");
+  std::string info_max_size;
+  info_cmd->add_option("--max-size", info_max_size,
+                       "show how the store stands against this size limit, e.g. 200M");
+  info_cmd->add_option("--max-days", info.max_days,
+                       "show how the store stands against this day limit");
 
   std::string verify_store;
   CLI::App* verify_cmd = app.add_subcommand(
@@ -190,28 +215,28 @@ int main(int argc, char** argv) {
                             "write the report into this directory instead of printing it");
 
   DumpIndexOptions dump;
-  CLI::App* dump_cmd = app.add_subcommand("dump-index", "Write the day index as index.json");
+  CLI::App* dump_cmd = app.add_subcommand("dump-index", "Print the day index as JSON");
   dump_cmd->footer(kOfflineNote);
   dump_cmd->add_option("--store", dump.store, kStoreHelp)->required();
   dump_cmd->add_option("-o,--out", dump.out,
-                       "file to write (index.json in the store; \"-\": standard output)");
+                       "write to this file instead of standard output");
 
   SqlOptions sql;
   QueryLimitTexts sql_limits;
-  std::vector<std::string> sql_words;
   CLI::App* sql_cmd = app.add_subcommand("sql", "Run SQL over the store's 135 tables (SQLite)");
   sql_cmd->footer(
       "Each table (edr_process_create, edr_file_write, ...) is a SQLite virtual table "
       "answered by the storage module, as a requester on the message bus is answered. Terms "
       "on date_time (milliseconds since 1970) narrow the time the store scans, and =, <, <=, "
       ">, >= and LIKE go to the store as its query's constraints; SQLite checks every term "
-      "again. Numbers are INTEGER (a 64-bit one past 2^63 shows as the negative number of the "
-      "same bits), the rest TEXT. Unless limits are given the store opens with the widest "
-      "ones, and its answers may be as large as it allows.");
+      "again; ts('2023-08-16 14:00') writes a time. Numbers are INTEGER (64-bit ids UNSIGNED "
+      "BIGINT, shown unsigned), the rest TEXT. Unless limits are given the store opens with the "
+      "widest ones, and its answers may be as large as it allows.");
   sql_cmd->add_option("--store", sql.host.store, kStoreHelp)->required();
-  sql_cmd->add_option("statements", sql_words,
-                      "SQL to run, one statement or several separated by \";\" (\"-\" or none: "
-                      "standard input)");
+  sql_cmd->add_option("statements", sql.statements,
+                      "SQL to run in turn, each one statement or several separated by \";\" "
+                      "(\"-\": standard input; none: the interactive shell on a terminal, "
+                      "else standard input)");
   sql_cmd->add_option("-f,--format", sql.format, "table, csv or json (table)");
   sql_cmd->add_option("--width", sql.max_width,
                       "characters a table cell shows before it is cut (60; 0: all)");
@@ -248,7 +273,13 @@ int main(int argc, char** argv) {
   demo_cmd->add_option("--seed", demo.seed, "the same seed gives the same events (1)");
   demo_cmd->add_flag("--keep", demo.keep, "keep the temporary store");
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ExtrasError&) {
+    return ReportExtras(app, argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
 
   HostLog::Install(global.verbose);
   Progress::SetQuiet(global.quiet);
@@ -273,6 +304,14 @@ int main(int argc, char** argv) {
   if (info_cmd->parsed()) {
     info.store = AbsoluteStore(info.store);
     info.tables = !no_tables;
+    uint64_t bytes = 0;
+    if (!info_max_size.empty()) {
+      if (!ParseSize(info_max_size, bytes)) {
+        PrintError("--max-size takes a size such as 200M or 1G, not \"" + info_max_size + "\"");
+        return 1;
+      }
+      info.max_size = bytes;
+    }
     return RunInfo(info);
   }
   if (verify_cmd->parsed()) return RunVerify(AbsoluteStore(verify_store));
@@ -288,7 +327,6 @@ int main(int argc, char** argv) {
   }
   if (sql_cmd->parsed()) {
     sql.host.store = AbsoluteStore(sql.host.store);
-    sql.sql = Joined(sql_words);
     if (!ReadQueryLimits(sql_limits, sql.limits, error)) {
       PrintError(error);
       return 1;
