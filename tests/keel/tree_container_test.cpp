@@ -1,3 +1,7 @@
+// Documents as the store builds and reads them. Constraint documents, read
+// in document order, are held against a model of the query service in
+// osquery/store_model_test.cpp.
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,36 +13,6 @@ namespace {
 
 using Keel::Utils::TreeContainer;
 using Node = TreeContainer::Node;
-
-TEST(TreeContainerTest, ReadsConstraintDocuments) {
-  TreeContainer doc;
-  ASSERT_TRUE(doc.Parse(R"({"pid":{"affinity":"BIGINT","list":[{"op":2,"expr":"10"},
-      {"op":16,"expr":"20"}]},"path":{"affinity":"TEXT","list":[]}})"));
-  Node root = doc.Root();
-  ASSERT_TRUE(root.IsObject());
-  ASSERT_EQ(root.Size(), 2u);
-  std::string_view first, second;
-  ASSERT_TRUE(root.KeyAt(0, first) && root.KeyAt(1, second));
-  EXPECT_EQ(first, "pid");  // document order, not sorted
-  EXPECT_EQ(second, "path");
-  EXPECT_FALSE(root.KeyAt(2, first));
-
-  Node pid = root.At(0);
-  std::string affinity;
-  ASSERT_TRUE(pid.Child("affinity").GetString(affinity));
-  EXPECT_EQ(affinity, "BIGINT");
-  Node list = pid.Child("list");
-  ASSERT_TRUE(list.IsArray());
-  ASSERT_EQ(list.Size(), 2u);
-  uint64_t op = 0;
-  Keel::Utils::String expr;
-  ASSERT_TRUE(list.At(1).Child("op").GetUInt64(op));
-  ASSERT_TRUE(list.At(1).Child("expr").GetString(expr));
-  EXPECT_EQ(op, 16u);
-  EXPECT_EQ(expr.str(), "20");
-  EXPECT_FALSE(list.At(2).IsValid());
-  EXPECT_EQ(root.Child("path").Child("list").Size(), 0u);
-}
 
 TEST(TreeContainerTest, ParseErrorsAnswerFalseAndKeepTheDocument) {
   tarn::test::LogCapture log;

@@ -201,44 +201,9 @@ TEST_F(EventsBlockTest, BlocksWrittenOneAfterAnotherReadBackEqual) {
   }
 }
 
-TEST_F(EventsBlockTest, AFailureAtAnyStepOfWritingLeavesNothingThatANewWriteCannotMend) {
-  struct Step {
-    uint32_t operation;
-    uint32_t nth;
-    Faults::Kind kind;
-  };
-  const Step steps[] = {
-      {Faults::Write, 1, Faults::Eio},        {Faults::Write, 2, Faults::Eio},
-      {Faults::Write, 3, Faults::Eio},        {Faults::Write, 4, Faults::Eio},
-      {Faults::Write, 4, Faults::ShortWrite}, {Faults::Write, 2, Faults::Enospc},
-      {Faults::Flush, 1, Faults::Eio},
-  };
-  for (const Step& step : steps) {
-    SampleBlock first = MakeSampleBlock({100, 200}, 10, 4);
-    SampleBlock second = MakeSampleBlock({150, 50, 75}, 20, 5);
-    File file;
-    ASSERT_TRUE(CreateDayFile(Path(), file));
-    uint64_t offset = Append(file, kDayFileHeaderSize, first);
-
-    Buffer payload;
-    EncodedBlock encoded;
-    ASSERT_TRUE(EncodeBlock(second.raw, second.entries, payload, encoded));
-    int rule = Faults::AddRule({"storage.00001", step.operation, step.nth, step.kind, 1});
-    LogCapture log;
-    EXPECT_FALSE(WriteBlock(file, offset, encoded.header, payload)) << step.nth;
-    EXPECT_EQ(Faults::FailCount(rule), 1u);
-    EXPECT_GE(log.CountFrom(Keel::Log::StorageManager, Keel::Log::Error), 1u);
-    Faults::ClearRules();
-
-    ASSERT_TRUE(file.Truncate(offset));
-    ASSERT_TRUE(WriteBlock(file, offset, encoded.header, payload));
-    std::vector<std::string> read = ReadAll(file);
-    ASSERT_EQ(read.size(), 2u);
-    EXPECT_EQ(read[0], ExpectedRaw(first));
-    EXPECT_EQ(read[1], ExpectedRaw(second));
-  }
-
-  // Arguments that cannot make a block are refused before any write.
+// A write failing at any step, and its mending, are swept in
+// fault_sweep_test.cpp.
+TEST_F(EventsBlockTest, ArgumentsThatCannotMakeABlockAreRefusedBeforeAnyWrite) {
   SampleBlock block = MakeSampleBlock({64}, 1);
   Buffer payload;
   EncodedBlock encoded;
@@ -288,33 +253,17 @@ TEST_F(EventsBlockTest, HeadersThatCannotBelongToAStoredBlockAreRefused) {
   EXPECT_GE(log.Count(Keel::Log::Error), 2 * std::size(bad) + 3);
 }
 
-TEST_F(EventsBlockTest, DamagedBlocksFailToDecodeCleanly) {
+// A damaged stream fails in Keel::Lzma (lzma_test.cpp) and, under a running
+// store, in reader_damage_test.cpp; here a stream that decodes fine but
+// carries a broken table is refused too.
+TEST_F(EventsBlockTest, BlocksWithABrokenTableFailToDecodeCleanly) {
   SampleBlock block = MakeSampleBlock({200, 100, 300}, 500);
   Buffer payload, raw;
   EncodedBlock encoded;
   ASSERT_TRUE(EncodeBlock(block.raw, block.entries, payload, encoded));
-  std::string good = Bytes(payload);
-
   LogCapture log;
-  for (size_t position : {size_t{0}, size_t{7}, good.size() / 2, good.size() - 1}) {
-    Buffer damaged;
-    damaged.Push(good.data(), good.size());
-    damaged.Data()[position] ^= 0x01;
-    raw.PushFill(0xAA, 10);
-    EXPECT_FALSE(DecodeBlock(damaged, encoded.header, raw)) << position;
-    EXPECT_TRUE(raw.Empty());
-  }
-  Buffer shorter;
-  shorter.Push(good.data(), good.size() - 1);
-  EXPECT_FALSE(DecodeBlock(shorter, encoded.header, raw));
-  BlockHeader wrong_size = encoded.header;
-  wrong_size.raw_size += 8;  // one entry more than the stream holds
-  Buffer copy;
-  copy.Push(good.data(), good.size());
-  EXPECT_FALSE(DecodeBlock(copy, wrong_size, raw));
-
-  // A stream that decodes fine but carries a broken table is refused too;
-  // bits above the second are ignored. Entries: (0, 500) (200, 501) (300, 502).
+  raw.PushFill(0xAA, 10);
+  // Bits above the second are ignored. Entries: (0, 500) (200, 501) (300, 502).
   auto set_word = [](Buffer& b, uint32_t entry, uint32_t word, uint32_t value) {
     Events::Record::StoreUInt32(b.Data() + 600 + entry * 8 + word * 4, value);
   };
@@ -335,7 +284,7 @@ TEST_F(EventsBlockTest, DamagedBlocksFailToDecodeCleanly) {
     EXPECT_EQ(DecodeBlock(stream, header, raw), d.decodes) << d.entry << " " << d.value;
     EXPECT_EQ(raw.Empty(), !d.decodes);
   }
-  EXPECT_GE(log.Count(Keel::Log::Error), 10u);
+  EXPECT_GE(log.Count(Keel::Log::Error), 4u);
 
   // The view itself never leaves the records, whatever the table says.
   Buffer bad_raw;

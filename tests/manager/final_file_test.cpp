@@ -1,3 +1,8 @@
+// The shutdown file: its layout, which files a start may use, and blocks it
+// refuses to write. Writes failing or cut short at every step are swept in
+// fault_sweep_test.cpp; arbitrary files are classified against a plain
+// reading of the format in fuzz/final_fuzz.cpp.
+
 #include "manager/FinalFile.h"
 
 #include <gtest/gtest.h>
@@ -39,10 +44,6 @@ class FinalFileTest : public ::testing::Test {
     SampleBlock block = MakeSampleBlock(sizes, 3600);
     EXPECT_TRUE(AppendEntryTable(block.raw, block.entries));
     return block;
-  }
-
-  static uint32_t TableOffset(const SampleBlock& block) {
-    return static_cast<uint32_t>(block.raw.Size() - 8 * block.records.size());
   }
 
   FinalFileState Read() {
@@ -131,49 +132,6 @@ TEST_F(FinalFileTest, BlocksThatAreNotWholeAreNotWritten) {
   EXPECT_FALSE(WriteFinalFile(path_, block.raw, 80, 2, 1));
   EXPECT_EQ(Read(), FinalFileState::Absent);
   EXPECT_GE(log.Count(Keel::Log::Error), 4u);
-}
-
-TEST_F(FinalFileTest, AFailedWriteNeverLeavesAFileThatReadsOk) {
-  // Three chunks of records, so writes go: header, three chunks, magic.
-  SampleBlock block = Closed(std::vector<uint32_t>(10000, 250));
-  uint32_t table_offset = TableOffset(block);
-  uint32_t count = static_cast<uint32_t>(block.records.size());
-  struct Step {
-    uint32_t operation;
-    uint32_t nth;
-  };
-  std::vector<Step> steps = {{Faults::Open, 1}, {Faults::Flush, 1}};
-  for (uint32_t nth = 1; nth <= 5; ++nth) steps.push_back({Faults::Write, nth});
-  for (const Step& step : steps) {
-    for (Faults::Kind kind : {Faults::Eio, Faults::ShortWrite}) {
-      ASSERT_TRUE(WriteFinalFile(path_, block.raw, table_offset, count, 1));  // an older one
-      int rule = Faults::AddRule({"storage.final", step.operation, step.nth, kind, 1});
-      LogCapture log;
-      EXPECT_FALSE(WriteFinalFile(path_, block.raw, table_offset, count, 2));
-      EXPECT_EQ(Faults::FailCount(rule), 1u) << step.operation << " " << step.nth;
-      Faults::ClearRules();
-      FinalFileState state = Read();
-      if (step.operation == Faults::Open) {
-        EXPECT_EQ(state, FinalFileState::Ok);  // the older file was never touched
-        EXPECT_EQ(day_, 1);
-      } else {
-        EXPECT_EQ(state, FinalFileState::Incomplete) << step.operation << " " << step.nth;
-      }
-    }
-  }
-
-  // A power cut before the magic is durable leaves the file incomplete too.
-  Faults::EnableCrashTracking(true);
-  Faults::AddRule({"storage.final", Faults::Write, 5, Faults::Eio, 1});
-  EXPECT_FALSE(WriteFinalFile(path_, block.raw, table_offset, count, 2));
-  Faults::SimulatePowerCut();
-  EXPECT_EQ(Read(), FinalFileState::Incomplete);
-  Faults::ClearRules();
-  ASSERT_TRUE(WriteFinalFile(path_, block.raw, table_offset, count, 2));
-  Faults::SimulatePowerCut();
-  ASSERT_EQ(Read(), FinalFileState::Ok);
-  EXPECT_EQ(day_, 2);
-  EXPECT_EQ(Bytes(raw_), Bytes(block.raw));
 }
 
 }  // namespace

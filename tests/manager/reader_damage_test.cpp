@@ -46,7 +46,7 @@ class ReaderDamageTest : public ::testing::TestWithParam<Damage> {
     Events::GenericEventHolder holder;
     if (!store_.reader().GetEvent(position, &holder)) return false;
     return std::vector<uint8_t>(holder.Data(), holder.Data() + holder.Size()) ==
-           store_.fed()[fed].record;
+           store_.fed()[fed];
   }
   uint32_t Misses() { return store_.manager().telemetry().snapshot().cache_miss_count; }
 

@@ -1,13 +1,12 @@
 #pragma once
 
 // A real store (writer thread, day files, index) driven by a test clock, with
-// the reader on top of it and a model of where every fed event must lie.
+// the reader on top of it, fed whole blocks at chosen seconds.
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <initializer_list>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,14 +34,6 @@ inline Keel::OS::DateTime TimeOf(uint32_t day, uint32_t second) {
   return Keel::OS::DateTime(static_cast<int64_t>(EpochOf(day, second)));
 }
 
-// One event the test fed, and the position the reader must give it.
-struct FedEvent {
-  uint16_t day;
-  uint32_t second;
-  uint64_t position;
-  std::vector<uint8_t> record;
-};
-
 class ReaderStore {
  public:
   explicit ReaderStore(Tarn::Storage::Settings settings = ReaderSettings()) : settings_(settings) {}
@@ -56,37 +47,20 @@ class ReaderStore {
     return reader_->Create();
   }
 
-  // Appends an event at (day, second) to the open block; a new day starts a
-  // new block, as the writer does.
-  bool Feed(uint16_t day, uint32_t second, uint32_t size = 120) {
-    if (open_events_ != 0 && day != open_day_) CloseBlock();
-    clock_.SetDay(day, second);
-    std::vector<uint8_t> record = MakeEvent(static_cast<uint32_t>(fed_.size()), size);
-    Tarn::Events::Objects::Base event(record.data(), record.size());
-    if (!manager_->AddEvent(event)) return false;
-    open_day_ = day;
-    uint32_t block = BlocksOf(day);
-    fed_.push_back({day, second, Tarn::Storage::RawIterator(day, block, open_events_++), record});
-    return true;
-  }
-
-  // Cuts the open block: everything fed so far is readable afterwards.
-  bool Cut() {
-    if (open_events_ != 0) CloseBlock();
-    return manager_->Flush();
-  }
-
-  // One whole block of events at `seconds` of `day`.
+  // One whole block of events at `seconds` of `day`, readable afterwards.
   bool Block(uint16_t day, std::initializer_list<uint32_t> seconds) {
     for (uint32_t second : seconds) {
-      if (!Feed(day, second)) return false;
+      clock_.SetDay(day, second);
+      fed_.push_back(MakeEvent(static_cast<uint32_t>(fed_.size()), 120));
+      Tarn::Events::Objects::Base event(fed_.back().data(), fed_.back().size());
+      if (!manager_->AddEvent(event)) return false;
     }
-    return Cut();
+    return manager_->Flush();
   }
 
   // Leaves `day` in the index with no block: its file holds only a header.
   bool EmptyDay(uint16_t day) {
-    if (!Cut()) return false;
+    if (!manager_->Flush()) return false;
     Keel::OS::Faults::Rule rule;
     rule.path_contains = Tarn::Storage::Utils::DayFileName(day, 2);
     // The file gets its header; the block after it fails and is lost, which
@@ -105,8 +79,8 @@ class ReaderStore {
 
   Tarn::Storage::EventStorageProvider& reader() { return *reader_; }
   Tarn::Storage::StorageManager& manager() { return *manager_; }
-  FakeClock& clock() { return clock_; }
-  const std::vector<FedEvent>& fed() const { return fed_; }
+  // The records fed, in order.
+  const std::vector<std::vector<uint8_t>>& fed() const { return fed_; }
   std::string DayFile(uint16_t day) const {
     return dir_.File(Tarn::Storage::Utils::DayFileName(day, 2));
   }
@@ -119,25 +93,12 @@ class ReaderStore {
   }
 
  private:
-  void CloseBlock() {
-    ++blocks_[open_day_];
-    open_events_ = 0;
-  }
-
-  uint32_t BlocksOf(uint16_t day) {
-    auto it = blocks_.find(day);
-    return it == blocks_.end() ? 0 : it->second;
-  }
-
   Tarn::Storage::Settings settings_;
   TempDir dir_;
   FakeClock clock_{EpochOf(9000, 0)};
   std::unique_ptr<Tarn::Storage::StorageManager> manager_;
   std::unique_ptr<Tarn::Storage::EventStorageProvider> reader_;
-  std::vector<FedEvent> fed_;
-  std::map<uint16_t, uint32_t> blocks_;
-  uint16_t open_day_ = 0;
-  uint32_t open_events_ = 0;
+  std::vector<std::vector<uint8_t>> fed_;
 };
 
 }  // namespace tarn::test

@@ -23,9 +23,8 @@
 //   TARN_KILL_CYCLES=200 build/bin/module_tests --gtest_filter='KillLoop*'
 // TARN_KILL_SEED=<n> repeats a run's random choices (events, clock, batches,
 // delays); where a kill lands in the child's work still depends on timing.
-// A violation keeps the store under $TMPDIR/tarn-kill-loop-<seed>-cycle<n>/:
-// before-restart as the killed child left it, after-restart as the checking
-// child left it.
+// A violation keeps the store, as the killed child and as the checking child
+// left it, under $TMPDIR/tarn-kill-loop-<seed>-cycle<n>/.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -45,6 +44,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <new>
 #include <random>
@@ -57,6 +57,7 @@
 #include "Tarn/Comm/IEventStorage.h"
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/GenericEventHolder.h"
+#include "Tarn/Events/Record.h"
 #include "Tarn/Module/EntryPoints.h"
 #include "Tarn/Module/MapConfigReader.h"
 #include "manager/DayFile.h"
@@ -71,6 +72,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using Tarn::Comm::Interface::IEventStorage;
+namespace Record = Tarn::Events::Record;
 
 uint64_t Mix(uint64_t x) {  // splitmix64: the same stream on every platform
   x += 0x9E3779B97F4A7C15ull;
@@ -92,14 +94,8 @@ uint64_t EnvOr(const char* name, uint64_t fallback) {
 // Record of `tag` stamped with `ms`; its size follows from the run's seed.
 std::vector<uint8_t> TaggedEvent(uint64_t run_seed, uint32_t tag, uint64_t ms) {
   std::vector<uint8_t> record = tarn::test::MakeEvent(tag, 40 + Mix(run_seed ^ tag) % 560);
-  if (record.size() >= 24) std::memcpy(record.data() + 16, &ms, sizeof ms);
+  if (record.size() >= 24) Record::StoreUInt64(record.data() + Record::kTimeStampOffset, ms);
   return record;
-}
-
-uint64_t StampOf(const uint8_t* record) {
-  uint64_t ms = 0;
-  std::memcpy(&ms, record + 16, sizeof ms);
-  return ms;
 }
 
 // What a child tells the parent, through a pipe.
@@ -135,10 +131,9 @@ struct Plan {
   uint32_t first_tag = 1;
   uint64_t start_ms = 0, end_ms = 0;  // the clock's window
   uint32_t kill_ms = 0;  // after the read-back; after the start or a kDayFlush for those kills
-  bool early_kill = false;
+  bool early_kill = false, read_only = false;
   bool day_kill = false;  // killed during the Flush of a new day's first block
   uint32_t stop_after = 0;  // nonzero: stop cleanly after this many batches
-  bool read_only = false;
 };
 
 constexpr uint32_t kBlockBufferSize = 102'400;  // the smallest the settings allow
@@ -147,30 +142,26 @@ constexpr uint32_t kMaxBatch = 600;
 std::atomic<uint64_t> g_child_ms{0};
 uint64_t ChildClock() { return g_child_ms.load(); }
 
-class NoteWriter {
- public:
-  explicit NoteWriter(int fd) : fd_(fd) {}
+struct NoteWriter {
+  int fd;
   void Put(uint32_t kind, uint32_t tag = 0, uint64_t stamp = 0, uint64_t stored = 0,
            uint64_t position = 0) {
     Note note{kind, tag, stamp, stored, position};
     const char* bytes = reinterpret_cast<const char*>(&note);
     for (size_t done = 0; done < sizeof note;) {
-      ssize_t n = write(fd_, bytes + done, sizeof note - done);
+      ssize_t n = write(fd, bytes + done, sizeof note - done);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) _exit(4);  // the parent is gone
       done += static_cast<size_t>(n);
     }
   }
-
- private:
-  int fd_;
 };
 
 [[noreturn]] void RunChild(const Plan& plan, uint64_t run_seed, const std::string& directory,
                            int out_fd, Progress* progress, pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // no child outlives the test
   if (getppid() != parent) _exit(5);
-  NoteWriter out(out_fd);
+  NoteWriter out{out_fd};
   g_child_ms = plan.start_ms;
   Keel::OS::Time::SetClockSource(&ChildClock);
   Tarn::Module::MapConfigReader config;
@@ -181,12 +172,9 @@ class NoteWriter {
   config.SetUInt32(Keys::kMaxDays, 511);
 
   void* library = dlopen(TARN_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-  auto init = library ? reinterpret_cast<Tarn::Module::InitFn>(
-                            dlsym(library, Tarn::Module::kInitSymbol))
-                      : nullptr;
-  auto uninit = library ? reinterpret_cast<Tarn::Module::UninitFn>(
-                              dlsym(library, Tarn::Module::kUninitSymbol))
-                        : nullptr;
+  auto symbol = [library](const char* name) { return library ? dlsym(library, name) : nullptr; };
+  auto init = reinterpret_cast<Tarn::Module::InitFn>(symbol(Tarn::Module::kInitSymbol));
+  auto uninit = reinterpret_cast<Tarn::Module::UninitFn>(symbol(Tarn::Module::kUninitSymbol));
   Tarn::Module::Interface* module = init ? init(nullptr) : nullptr;
   IEventStorage* storage = nullptr;
   if (module != nullptr && module->Initialize(nullptr, &config)) {
@@ -213,7 +201,7 @@ class NoteWriter {
     }
     std::vector<uint8_t> record(holder.Data(), holder.Data() + holder.Size());
     const uint32_t tag = tarn::test::TagOf(record);
-    const uint64_t stamp = StampOf(record.data());
+    const uint64_t stamp = Record::LoadUInt64(record.data() + Record::kTimeStampOffset);
     const bool same = TaggedEvent(run_seed, tag, stamp) == record;
     out.Put(same ? kRead : kBadRecord, tag, stamp,
             static_cast<uint64_t>(time.ToSecondsSinceEpoch()), p);
@@ -259,13 +247,10 @@ class NoteWriter {
 // What the parent saw of one child.
 struct CycleRun {
   std::vector<Note> notes;
-  bool ready = false;
+  bool ready = false, killed = false, hung = false;
   bool day_flush_seen = false;  // a kDayFlush came
-  uint64_t read_back = 0;
-  bool killed = false;
-  bool hung = false;
   int status = 0;
-  uint64_t handed = 0, acked = 0;
+  uint64_t read_back = 0, handed = 0, acked = 0;
   long long ran_ms = 0;
 };
 
@@ -273,8 +258,7 @@ CycleRun RunCycle(const Plan& plan, uint64_t run_seed, const std::string& direct
                   Progress* progress) {
   CycleRun run;
   run.status = -1;  // no child: counts as a child that failed
-  progress->handed = plan.first_tag - 1;
-  progress->acked = plan.first_tag - 1;
+  progress->handed = progress->acked = plan.first_tag - 1;
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return run;
   std::fflush(nullptr);
@@ -403,29 +387,27 @@ class Model {
     }
     uint64_t previous_s = 0, reads = 0;
     for (const Note& note : run.notes) {
-      const std::string where = PositionText(note.position);
+      const std::string where = PositionText(note.position), what = Describe(note.tag) + where;
       switch (note.kind) {
         case kRead:
         case kBadRecord: {
           ++reads;
-          if (note.kind == kBadRecord) flag("a stored record is unreadable or not the one sent",
-                                            Describe(note.tag) + where);
+          if (note.kind == kBadRecord) {
+            flag("a stored record is unreadable or not the one sent", what);
+          }
           if (note.tag == 0) break;
           if (note.tag >= state_.size() || state_[note.tag] == kUnsent) {
-            flag("an event that was never sent is readable", Describe(note.tag) + where);
+            flag("an event that was never sent is readable", what);
             break;
           }
           if (++seen[note.tag] == 2) {
-            flag("an event is readable twice", Describe(note.tag) + where);
+            flag("an event is readable twice", what);
             duplicated_.push_back(note.tag);
           }
           if (note.stored_s != note.stamp_ms / 1000) {
-            flag("an event is filed at another second than it was sent at",
-                 Describe(note.tag) + where);
+            flag("an event is filed at another second than it was sent at", what);
           }
-          if (note.stored_s < previous_s) {
-            flag("time goes back along the walk", Describe(note.tag) + where);
-          }
+          if (note.stored_s < previous_s) flag("time goes back along the walk", what);
           previous_s = note.stored_s;
           break;
         }
@@ -434,8 +416,7 @@ class Model {
           break;
         case kRefused: flag("HandleEvent refused an event", Describe(note.tag)); break;
         case kFlushMissing:
-          flag("after Flush the last readable event is not the last one sent",
-               Describe(note.tag) + where);
+          flag("after Flush the last readable event is not the last one sent", what);
           break;
         case kWalkShort: flag("Increment stopped before the last position", where); break;
         case kOpenFailed: flag("the module did not open the store", ""); break;
@@ -531,12 +512,10 @@ void CopyStore(const std::string& from, const fs::path& to) {
 TEST(KillLoopTest, AcknowledgedEventsSurviveKillNineExactlyOnce) {
   const uint64_t seed = EnvOr("TARN_KILL_SEED", std::random_device{}());
   const uint32_t cycles = static_cast<uint32_t>(std::max<uint64_t>(1, EnvOr("TARN_KILL_CYCLES", 30)));
-  std::printf("kill loop: seed %llu, %u cycles (TARN_KILL_SEED=%llu TARN_KILL_CYCLES=%u repeats "
-              "it; TARN_KILL_CYCLES=200 for a long run)\n",
-              static_cast<unsigned long long>(seed), cycles,
-              static_cast<unsigned long long>(seed), cycles);
-  tarn::test::TempDir store;
-  tarn::test::TempDir scratch;
+  std::cout << "kill loop: seed " << seed << ", " << cycles << " cycles (TARN_KILL_SEED=" << seed
+            << " TARN_KILL_CYCLES=" << cycles
+            << " repeats it; TARN_KILL_CYCLES=200 for a long run)\n";
+  tarn::test::TempDir store, scratch;
   const fs::path before = fs::path(scratch.path()) / "before-restart";
   void* page = mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
                     MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -590,10 +569,10 @@ TEST(KillLoopTest, AcknowledgedEventsSurviveKillNineExactlyOnce) {
                       : !run.killed         ? "stopped cleanly"
                       : run.day_flush_seen ? "killed in a new day's Flush"
                                             : "killed";
-    std::printf("cycle %u: %s after %lld ms; read back %s; sent %llu, acknowledged %llu\n", cycle,
-                end, run.ran_ms, run.ready ? std::to_string(run.read_back).c_str() : "-",
-                static_cast<unsigned long long>(run.handed + 1 - plan.first_tag),
-                static_cast<unsigned long long>(run.acked + 1 - plan.first_tag));
+    std::cout << "cycle " << cycle << ": " << end << " after " << run.ran_ms << " ms; read back "
+              << (run.ready ? std::to_string(run.read_back) : "-") << "; sent "
+              << run.handed + 1 - plan.first_tag << ", acknowledged "
+              << run.acked + 1 - plan.first_tag << "\n";
   }
   --cycle;
   if (!violations.empty()) {
@@ -601,23 +580,17 @@ TEST(KillLoopTest, AcknowledgedEventsSurviveKillNineExactlyOnce) {
                           ("tarn-kill-loop-" + std::to_string(seed) + "-cycle" + std::to_string(cycle));
     CopyStore(before.string(), kept / "before-restart");
     CopyStore(store.path(), kept / "after-restart");
-    std::printf("VIOLATION in cycle %u, seed %llu; store kept in %s (before-restart: as the "
-                "killed child left it; after-restart: as the checking child left it)\n",
-                cycle,
-                static_cast<unsigned long long>(seed), kept.c_str());
-    for (const std::string& line : violations) std::printf("  %s\n", line.c_str());
+    std::cout << "VIOLATION in cycle " << cycle << ", seed " << seed << "; store kept in "
+              << kept.string() << " (before-restart: as the killed child left it; after-restart: "
+              << "as the checking child left it)\n";
+    for (const std::string& line : violations) std::cout << "  " << line << "\n";
   }
-  std::printf("kill loop figures: seed %llu, cycles %u, read-backs checked %u, events sent %llu, "
-              "events acknowledged %llu, events lost: %llu (acknowledged: %llu), unacknowledged but "
-              "kept: %llu, duplicates: %zu, violations: %zu\n",
-              static_cast<unsigned long long>(seed), std::min(cycle, cycles), checked,
-              static_cast<unsigned long long>(model.sent()),
-              static_cast<unsigned long long>(model.acked()),
-              static_cast<unsigned long long>(model.lost()),
-              static_cast<unsigned long long>(model.lost_acked()),
-              static_cast<unsigned long long>(model.kept()), model.duplicated(),
-              violations.size());
-  std::fflush(stdout);
+  std::cout << "kill loop figures: seed " << seed << ", cycles " << std::min(cycle, cycles)
+            << ", read-backs checked " << checked << ", events sent " << model.sent()
+            << ", events acknowledged " << model.acked() << ", events lost: " << model.lost()
+            << " (acknowledged: " << model.lost_acked() << "), unacknowledged but kept: "
+            << model.kept() << ", duplicates: " << model.duplicated()
+            << ", violations: " << violations.size() << std::endl;
   munmap(page, sizeof(Progress));
   EXPECT_TRUE(violations.empty()) << "cycle " << cycle << ", seed " << seed << ": "
                                   << (violations.empty() ? "" : violations.front());

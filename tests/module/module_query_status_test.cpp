@@ -1,6 +1,6 @@
-// Every answer status provoked through the loaded module, partial answers
-// followed page by page, and both query types served while intake is
-// disabled.
+// Every answer status provoked through the loaded module, and both query
+// types served while intake is disabled. Paging by token, and the answers
+// themselves, are held against a model in osquery/store_model_test.cpp.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,17 +57,12 @@ TEST(ModuleQueryStatusTest, EachStatusThroughHandleEvent) {
     ExpectStatus(host.Ask("edr_process_create"), 0, false, "empty store");
 
     FeedForLimits(host);
-    ModuleReply complete = host.Ask("edr_process_create", "pid");
-    EXPECT_TRUE(complete.result);
-    EXPECT_EQ(complete.answer.status, 0u);
-    EXPECT_EQ(complete.answer.row_count, 20u);
-
-    // 1: exactly row_limit rows, positions left in the range.
-    const Filter to_1119{"date_time", 16, MsOf(kDay, 1120), "bigint"};
-    ExpectStatus(host.Ask("edr_enter_idle_mode", "", {to_1119}), 1, false, "row limit");
-    ExpectStatus(host.Ask("edr_enter_idle_mode"), 1, false, "row limit, all rows");
-    const Filter to_1099{"date_time", 16, MsOf(kDay, 1100), "bigint"};
-    ModuleReply at_limit = host.Ask("edr_enter_idle_mode", "duration", {to_1099});
+    // 1: exactly row_limit rows, positions left in the range; at the
+    // configured limit with none left, complete.
+    ExpectStatus(host.Ask("edr_enter_idle_mode", "", {{"date_time", 16, MsOf(kDay, 1120), "bigint"}}),
+                 1, false, "row limit");
+    ModuleReply at_limit =
+        host.Ask("edr_enter_idle_mode", "duration", {{"date_time", 16, MsOf(kDay, 1100), "bigint"}});
     EXPECT_EQ(at_limit.answer.status, 0u);
     EXPECT_EQ(at_limit.answer.row_count, 1000u);
 
@@ -77,11 +72,7 @@ TEST(ModuleQueryStatusTest, EachStatusThroughHandleEvent) {
     third_page.page = 3;
     ExpectStatus(host.Ask(third_page), 2, false, "page limit");
 
-    // 4: contradictory or impossible time constraints.
-    ExpectStatus(host.Ask("edr_process_create", "", {{"date_time", 16, "0", "bigint"}}), 4, false,
-                 "< 0");
-    ExpectStatus(host.Ask("edr_process_create", "", {{"date_time", 2, "0", "bigint"}}), 4, false,
-                 "= 0");
+    // 4: contradictory time constraints.
     ExpectStatus(host.Ask("edr_process_create", "",
                           {{"date_time", 2, MsOf(kDay, 1100), "bigint"},
                            {"date_time", 2, MsOf(kDay, 1101), "bigint"}}),
@@ -91,8 +82,6 @@ TEST(ModuleQueryStatusTest, EachStatusThroughHandleEvent) {
     ExpectStatus(host.Ask("edr_no_such_table"), 5, false, "unknown table");
     ExpectStatus(host.Ask("edr_process_create", "", {{"pid", 3, "1", "integer"}}), 5, false,
                  "bad operator");
-    ExpectStatus(host.Ask("edr_process_create", "", {{"pid", 2, "x", "integer"}}), 5, false,
-                 "bad value");
 
     // 7: a range before the first event; answered as 0.
     ExpectStatus(host.Ask("edr_process_create", "", {{"date_time", 16, MsOf(kDay, 50), "bigint"}}),
@@ -103,32 +92,6 @@ TEST(ModuleQueryStatusTest, EachStatusThroughHandleEvent) {
     at_start.table = "edr_process_create";
     at_start.token = host.storage()->GetFirstIterVal();
     ExpectStatus(host.Ask(at_start), 9, false, "token at start");
-    const std::string from = MsOf(kDay, 1110);
-    std::string constraints = tarn::test::ConstraintsJson({{"date_time", 32, from, "bigint"}});
-    at_start.constraints = constraints;
-    at_start.token = host.storage()->GetIterVal(
-        Keel::OS::DateTime(static_cast<int64_t>(tarn::test::EpochOf(kDay, 1110))),
-        Tarn::Comm::Interface::AtOrAfter);
-    ExpectStatus(host.Ask(at_start), 9, false, "token at a bounded start");
-    at_start.page = 1;
-    at_start.token += uint64_t{1} << 40;  // the next event: rows 1111-1119
-    ModuleReply resumed = host.Ask(at_start);
-    EXPECT_EQ(resumed.answer.status, 0u);
-    EXPECT_EQ(resumed.answer.row_count, 9u);
-
-    // Answered elsewhere, locally, or nowhere.
-    ModuleReply netdb = host.Ask("edr_netdb");
-    EXPECT_FALSE(netdb.result);
-    EXPECT_EQ(netdb.fields, 0u);
-    Tarn::Events::QueryRecord local;
-    local.table = "edr_process_create";
-    local.local = true;
-    ModuleReply on_mock = host.Ask(local);
-    EXPECT_TRUE(on_mock.result);
-    EXPECT_EQ(on_mock.fields, 0u);
-    Tarn::Events::QueryRecord plain;
-    plain.table = "edr_process_create";
-    EXPECT_FALSE(host.Ask(plain, false).result);
 
     // A type-221 record too short to be a query is refused.
     Tarn::Events::DynamicEventBuilder builder;
@@ -136,52 +99,6 @@ TEST(ModuleQueryStatusTest, EachStatusThroughHandleEvent) {
     Tarn::Events::Objects::Base broken = builder.Event();
     EXPECT_FALSE(host.module()->HandleEvent(&broken, nullptr));
     EXPECT_EQ(host.storage()->GetSize(), 1120u);  // no query was stored
-  });
-}
-
-TEST(ModuleQueryStatusTest, FullBuffersArePagedByTokenOverEveryRowOnce) {
-  RunIsolated([] {
-    tarn::test::TempDir dir;
-    QueryHost host(dir.path());
-    host.config().SetUInt32(Keys::kQuerySizeLimit, 10'485'760);  // the smallest allowed
-    ASSERT_TRUE(host.Open());
-    // About 18 MB of rows: two answers' worth.
-    tarn::test::RowMaker maker(2);
-    for (uint32_t i = 0; i < 300; ++i) {
-      auto row = maker.Make("edr_process_create", tarn::test::EpochOf(kDay, 10 + i) * 1000);
-      std::string path;
-      while (path.size() < 60'000) path += "/segment-" + std::to_string(i + path.size());
-      tarn::test::SetColumn(*row, "path", path);
-      ASSERT_TRUE(host.Feed("edr_process_create", row));
-    }
-    host.Flush();
-
-    Tarn::Events::QueryRecord query;
-    query.table = "edr_process_create";
-    std::vector<tarn::test::RowPtr> got;
-    for (uint16_t page = 0;; ++page) {
-      ASSERT_LT(page, 3);
-      ModuleReply reply = host.Ask(query);
-      ASSERT_TRUE(reply.result);
-      ASSERT_TRUE(reply.answer.well_formed);
-      auto rows = tarn::test::DecodeRows(reply.answer.rows, "edr_process_create");
-      got.insert(got.end(), rows.begin(), rows.end());
-      if (reply.answer.status == 0) {
-        EXPECT_FALSE(reply.has_token);
-        EXPECT_EQ(page, 1u);
-        break;
-      }
-      ASSERT_EQ(reply.answer.status, 8u);
-      ASSERT_TRUE(reply.has_token);
-      EXPECT_GT(reply.answer.row_count, 100u);
-      EXPECT_EQ(reply.token.magic, 0x00014B54u);
-      EXPECT_EQ(reply.token.page, page + 1);
-      query.token = reply.token.position;
-      query.page = reply.token.page;
-    }
-    EXPECT_EQ(tarn::test::CompareRows(
-                  got, tarn::test::BruteForce(host.fed(), "edr_process_create", "", {})),
-              "");
   });
 }
 

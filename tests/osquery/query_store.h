@@ -101,7 +101,6 @@ class QueryStore {
   Tarn::Storage::EventStorageProvider& provider() { return *provider_; }
   Tarn::Storage::OSQuery::QueryService& queries() { return *queries_; }
   Tarn::Storage::StorageManager& manager() { return *manager_; }
-  FakeClock& clock() { return clock_; }
   const std::vector<FedRow>& fed() const { return fed_; }
   const std::string& directory() const { return dir_.path(); }
 

@@ -369,16 +369,21 @@ inline Filter RandomFilter(std::mt19937& random, const std::string& table,
 }
 
 
-// A column list as requesters write them: none (every column), or a few
-// names, now and then one the table does not have.
+// A column list as requesters write them: none or "*" (every column), or a
+// few names, now and then one the table does not have, an empty one, or a
+// "*" that counts only in first place.
 inline std::string RandomColumns(std::mt19937& random, const std::string& table) {
   using namespace Tarn::Storage::OSQuery;
   std::string columns;
-  if (random() % 2 == 0) return columns;
+  if (random() % 2 == 0) return random() % 4 == 0 ? "*" : "";
   const TableInfo* info = FindTable(TableIdByName(table));
-  for (uint32_t n = 1 + random() % 3; n > 0; --n) {
-    if (!columns.empty()) columns += ",";
-    columns += random() % 5 == 0 ? "no_such_column" : info->columns[random() % info->column_count].name;
+  for (uint32_t n = 1 + random() % 3, first = n; n > 0; --n) {
+    if (n != first) columns += ",";
+    const uint32_t roll = random() % 12;
+    columns += roll == 0   ? "no_such_column"
+               : roll == 1 ? "*"
+               : roll == 2 ? ""
+                           : info->columns[random() % info->column_count].name;
   }
   return columns;
 }

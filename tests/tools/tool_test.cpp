@@ -102,8 +102,10 @@ TEST_F(TarnTool, SyntheticIngestThenInfoAndVerify) {
 
   // Against limits it says what a store opened with them would evict; an
   // argument nobody takes is named as it was given.
-  ToolRun limited = Run({"info", "--store", Store(), "--no-tables", "--max-size", "1K"});
-  EXPECT_NE(limited.out.find("the store evicts " + std::to_string(info["by_day"].size()) + " day"),
+  const size_t days = info["by_day"].size();
+  ToolRun limited = Run({"info", "--store", Store(), "--no-tables", "--max-days", "1"});
+  EXPECT_NE(limited.out.find(days > 1 ? "the store evicts " + std::to_string(days - 1) + " day"
+                                      : std::string("within them")),
             std::string::npos)
       << limited.out;
   ToolRun extra = Run({"info", "--store", Store(), "--bogus", "1"});
