@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "Keel/OS/FaultInjection.h"
-#include "Keel/OS/FileSystem.h"
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/GenericEventHolder.h"
 #include "manager/DayFile.h"
@@ -37,7 +36,6 @@ namespace Tarn::Storage {
 namespace {
 
 namespace Faults = Keel::OS::Faults;
-namespace FS = Keel::OS::FileSystem;
 using tarn::test::EpochOf;
 using tarn::test::FakeClock;
 using tarn::test::MakeEvent;
@@ -187,18 +185,7 @@ void CheckIndexOnDisk(const std::string& directory, Verdict& verdict) {
 }
 
 void CheckBudget(const std::string& directory, Verdict& verdict) {
-  std::vector<std::string> names;
-  FS::ListDirectory(directory, names);
-  uint64_t total = 0;
-  for (const std::string& name : names) {
-    uint16_t day = 0;
-    uint8_t version = 0;
-    uint64_t size = 0;
-    if (Utils::IsStorageFile(name.c_str(), false, day, version) &&
-        FS::GetFileSize(directory + "/" + name, size)) {
-      total += size;
-    }
-  }
+  const uint64_t total = tarn::test::DayFileBytes(directory);
   if (total > kBudget + kBlockSize) {
     verdict.Fail("day files hold " + std::to_string(total) + " bytes, over the budget");
   }

@@ -28,7 +28,6 @@
 #include <string>
 #include <vector>
 
-#include "Keel/OS/FileSystem.h"
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/GenericEventHolder.h"
 #include "hx/MessageBus/Msg.h"
@@ -255,7 +254,7 @@ class ModelRun {
     EncodedBlock encoded;
     if (!EncodeBlock(raw, entries, payload, encoded)) return Diverge("padding does not encode");
     const uint64_t block_bytes = payload.Size() + 12;
-    const uint64_t offset = kBudget - 8 - StoredBytes() - block_bytes;
+    const uint64_t offset = kBudget - 8 - tarn::test::DayFileBytes(dir_.path()) - block_bytes;
     Keel::OS::File file;
     Index index;
     index.set_directory(dir_.path());
@@ -271,21 +270,7 @@ class ModelRun {
     model_.AddPadding(day, std::move(events));
   }
 
-  uint64_t StoredBytes() const {
-    std::vector<std::string> names;
-    Keel::OS::FileSystem::ListDirectory(dir_.path(), names);
-    uint64_t total = 0;
-    for (const std::string& name : names) {
-      uint16_t day = 0;
-      uint8_t version = 0;
-      uint64_t size = 0;
-      if (Utils::IsStorageFile(name.c_str(), false, day, version) &&
-          Keel::OS::FileSystem::GetFileSize(dir_.File(name), size)) {
-        total += size;
-      }
-    }
-    return total;
-  }
+
 
   // ---- The comparison ----------------------------------------------------
 

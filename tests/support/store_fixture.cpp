@@ -5,11 +5,13 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/OS/File.h"
+#include "Keel/OS/FileSystem.h"
 #include "Keel/OS/Path.h"
 #include "manager/EventsBlock.h"
 #include "manager/FinalFile.h"
 #include "manager/Index.h"
 #include "manager/Settings.h"
+#include "manager/StorageHelper.h"
 #include "manager/StorageHelper.h"
 
 namespace tarn::test {
@@ -95,6 +97,22 @@ bool ReadFinalEvents(const std::string& directory, std::vector<StoredEvent>& out
   if (state != FinalFileState::Ok) return false;
   AppendEvents(day, raw, table_offset, out);
   return true;
+}
+
+uint64_t DayFileBytes(const std::string& directory) {
+  std::vector<std::string> names;
+  Keel::OS::FileSystem::ListDirectory(directory, names);
+  uint64_t total = 0;
+  for (const std::string& name : names) {
+    uint16_t day = 0;
+    uint8_t version = 0;
+    uint64_t size = 0;
+    if (Tarn::Storage::Utils::IsStorageFile(name.c_str(), false, day, version) &&
+        Keel::OS::FileSystem::GetFileSize(Keel::OS::Path::Join(directory, name), size)) {
+      total += size;
+    }
+  }
+  return total;
 }
 
 }  // namespace tarn::test

@@ -49,6 +49,10 @@ bool ReadIndexedEvents(const std::string& directory, std::vector<StoredEvent>& o
 // Reads the events left in the shutdown file, if there is one.
 bool ReadFinalEvents(const std::string& directory, std::vector<StoredEvent>& out);
 
+// Bytes of the day files in `directory`, indexed or not: what counts toward
+// the store's size budget.
+uint64_t DayFileBytes(const std::string& directory);
+
 // The tag MakeEvent put in a record.
 uint32_t TagOf(const std::vector<uint8_t>& record);
 
