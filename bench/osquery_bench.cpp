@@ -12,16 +12,16 @@
 #include "Keel/Collections/Buffer.h"
 #include "Keel/Lzma.h"
 #include "Tarn/Events/DynamicEventBuilder.h"
+#include "common/BenchRows.h"
 #include "osquery/AddRow.h"
 #include "osquery/ConstraintsList.h"
 #include "osquery/Matcher.h"
 #include "osquery/RecordBuilder.h"
-#include "support/row_columns.h"
 
 namespace {
 
 using namespace Tarn::Storage::OSQuery;  // NOLINT: benchmark file
-using tarn::test::SetColumn;
+using Tarn::Bench::SetColumn;
 
 constexpr size_t kBlockBytes = 10 << 20;
 
@@ -37,7 +37,7 @@ std::vector<std::vector<uint8_t>> ProcessRecords(size_t count) {
   };
   Tarn::Events::DynamicEventBuilder builder;
   for (size_t i = 0; i < count; ++i) {
-    auto row = tarn::test::MakeRow("edr_process_create");
+    auto row = Tarn::Bench::MakeRow("edr_process_create");
     const char* binary = kBinaries[next() % 5];
     char text[256];
     SetColumn(*row, "date_time", 1795313392000ull + i * 7);

@@ -13,40 +13,29 @@
 
 #include <benchmark/benchmark.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "Tarn/Events/Base.h"
-#include "Tarn/Storage/ITimeProvider.h"
+#include "Tarn/Events/DynamicEventBuilder.h"
+#include "common/BenchRows.h"
+#include "common/BenchStore.h"
 #include "hx/MessageBus/Msg.h"
 #include "manager/EventStorageProvider.h"
+#include "manager/EventsBlock.h"
 #include "manager/Index.h"
-#include "manager/StorageManager.h"
 #include "osquery/Query.h"
 #include "osquery/QueryService.h"
 #include "osquery/RecordBuilder.h"
-#include "support/query_answer.h"
-#include "support/row_columns.h"
 
 namespace {
 
+using Tarn::Bench::BenchStore;
+using Tarn::Bench::kFirstDay;
+using Tarn::Bench::SetColumn;
 using Tarn::Storage::EventStorageProvider;
 using Tarn::Storage::RawIterator;
-using tarn::test::SetColumn;
-
-constexpr uint16_t kFirstDay = 9000;
-
-class BenchClock final : public Tarn::Storage::ITimeProvider {
- public:
-  uint64_t GetEpochTime() override { return now.load(); }
-  uint64_t GetSystemTime() override { return now.load() * 1000; }
-  std::atomic<uint64_t> now{Tarn::Storage::ToEpochSeconds(kFirstDay, 0)};
-};
 
 // Deterministic process creations (and one event in seven of another
 // table), about 300 bytes each.
@@ -59,7 +48,7 @@ class RowMaker {
     const char* binary = kBinaries[Random() % 6];
     char text[256];
     if (Random() % 7 == 0) {
-      auto mail = tarn::test::MakeRow("edr_email_sent");
+      auto mail = Tarn::Bench::MakeRow("edr_email_sent");
       SetColumn(*mail, "date_time", time_ms);
       SetColumn(*mail, "pid", 100 + Random() % 30000);
       SetColumn(*mail, "local_ip", "10.0.0.7");
@@ -69,7 +58,7 @@ class RowMaker {
       SetColumn(*mail, "sender", "agent@example.org");
       return Build(*mail);
     }
-    auto row = tarn::test::MakeRow("edr_process_create");
+    auto row = Tarn::Bench::MakeRow("edr_process_create");
     SetColumn(*row, "date_time", time_ms);
     SetColumn(*row, "pid_time_stamp", time_ms - Random() % 1000);
     SetColumn(*row, "puid", Random() * 0x100000001ull);
@@ -106,85 +95,34 @@ class RowMaker {
   std::vector<uint8_t> record_;
 };
 
-struct Store {
-  std::string directory;
-  BenchClock clock;
-  Tarn::Storage::StorageManager manager;
-  std::unique_ptr<EventStorageProvider> reader;
-  uint64_t events = 0;
-  uint64_t raw_bytes = 0;
-  uint32_t blocks = 0;
-  bool ok = false;
-
-  ~Store() {
-    reader.reset();
-    manager.Stop();
-    std::error_code ignored;
-    if (!directory.empty()) std::filesystem::remove_all(directory, ignored);
-  }
-
-  // A reader with an empty block cache.
-  void FreshReader() {
-    reader = std::make_unique<EventStorageProvider>(manager, manager.telemetry());
-    reader->Create();
-  }
-
-  // `bytes` of events spread evenly over `days`, several per second.
-  bool Open(uint64_t bytes, uint16_t days, uint32_t block_size) {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "tarn-query-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) return false;
-    directory = pattern;
-    Tarn::Storage::Settings settings = Tarn::Storage::Settings::default_();
-    settings.max_storage_size = 2 * bytes + (50u << 20);
-    settings.block_buffer_size = block_size;
-    if (!manager.Create(settings, &clock, 0, directory.c_str())) return false;
-    const uint64_t per_day = bytes / 300 / days + 1;
-    RowMaker maker;
-    for (uint16_t d = 0; d < days; ++d) {
-      for (uint64_t i = 0; i < per_day; ++i) {
-        clock.now = Tarn::Storage::ToEpochSeconds(kFirstDay + d, i * 86'400 / per_day);
-        const std::vector<uint8_t>& record = maker.Next(clock.now * 1000 + i % 1000);
-        Tarn::Events::Objects::Base event(record.data(), record.size());
-        if (!manager.AddEvent(event)) return false;
-      }
-    }
-    if (!manager.Flush()) return false;
-    FreshReader();
-    reader->ProcessBlocks(reader->GetFirstIterVal(), reader->GetLastIterVal(),
-                          [&](const EventStorageProvider::DecodeToken& token,
-                              const Keel::Collections::Buffer&) {
-                            raw_bytes += token.decoded_size;
-                            events += token.event_count;
-                            ++blocks;
-                          });
-    std::fprintf(stderr, "store: %llu events, %u blocks, %.1f MiB raw\n",
-                 static_cast<unsigned long long>(events), blocks, raw_bytes / 1048576.0);
-    return events != 0;
-  }
-};
-
 uint64_t TargetBytes() {
   const char* mib = std::getenv("TARN_QUERY_BENCH_MIB");
   uint64_t value = mib != nullptr ? std::strtoull(mib, nullptr, 10) : 100;
   return (value == 0 ? 100 : value) << 20;
 }
 
-Store& LargeStore() {
-  static Store* store = [] {
-    auto* s = new Store();
-    s->ok = s->Open(TargetBytes(), 4, 10'485'760);
-    return s;
-  }();
+// About `bytes` of 300-byte events over `days` days in blocks of `block_size`.
+BenchStore* BuildStore(uint64_t bytes, uint16_t days, uint32_t block_size) {
+  auto* store = new BenchStore();
+  RowMaker maker;
+  Tarn::Bench::StoreShape shape;
+  shape.name = "query-bench";
+  shape.bytes = bytes;
+  shape.record_bytes = 300;
+  shape.days = days;
+  shape.block_size = block_size;
+  store->Build(
+      shape, [&](uint64_t time_ms) -> const std::vector<uint8_t>& { return maker.Next(time_ms); });
+  return store;
+}
+
+BenchStore& LargeStore() {
+  static BenchStore* store = BuildStore(TargetBytes(), 4, 10'485'760);
   return *store;
 }
 
-Store& WeekStore() {
-  static Store* store = [] {
-    auto* s = new Store();
-    s->ok = s->Open(42u << 20, 7, 512u << 10);
-    return s;
-  }();
+BenchStore& WeekStore() {
+  static BenchStore* store = BuildStore(42u << 20, 7, 512u << 10);
   return *store;
 }
 
@@ -197,25 +135,25 @@ Tarn::Storage::OSQuerySettings Limits() {
 }
 
 // Runs one query; its row count, or -1 when it was not complete.
-int64_t RunQuery(Store& store, const std::string& constraints, const std::string& columns) {
+int64_t RunQuery(BenchStore& store, const std::string& constraints, const std::string& columns) {
   Tarn::Storage::OSQuery::Query query;
   query.table = "edr_process_create";
   query.columns = columns;
   query.constraints = constraints;
   hx::MessageBus::Msg msg;
-  Tarn::Storage::OSQuery::QueryService queries(*store.reader, store.manager);
+  Tarn::Storage::OSQuery::QueryService queries(store.reader(), store.manager());
   if (!queries.HandleOSQuery(std::move(query), msg, Limits())) return -1;
   auto events = msg.GetField("events");
   if (!events) return -1;
-  tarn::test::Answer answer = tarn::test::ParseAnswer(*events);
+  Tarn::Bench::Answer answer = Tarn::Bench::ParseAnswer(*events);
   return answer.well_formed && answer.status == 0 ? answer.row_count : -1;
 }
 
 // Every block read and decoded once, nothing else: the ceiling of a scan.
 void BM_DecodeEveryBlock(benchmark::State& state) {
-  Store& store = LargeStore();
+  BenchStore& store = LargeStore();
   if (!store.ok) return state.SkipWithError("no store");
-  EventStorageProvider& reader = *store.reader;
+  EventStorageProvider& reader = store.reader();
   Tarn::Storage::EventsBlock block;
   Keel::Collections::Buffer stored;
   if (!block.Create() || !Tarn::Storage::CreateReaderBuffer(stored)) {
@@ -243,7 +181,7 @@ BENCHMARK(BM_DecodeEveryBlock)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 // sshd run by root: about 3% of the events, all columns.
 void BM_SelectiveQueryWholeStore(benchmark::State& state) {
-  Store& store = LargeStore();
+  BenchStore& store = LargeStore();
   if (!store.ok) return state.SkipWithError("no store");
   const std::string constraints = R"({
       "path": {"affinity": "text", "list": [{"op": 2, "expr": "/usr/sbin/sshd"}]},
@@ -266,12 +204,12 @@ void BM_SelectiveQueryWholeStore(benchmark::State& state) {
 BENCHMARK(BM_SelectiveQueryWholeStore)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 // Blocks of `day` whose events reach into [from, to] (seconds of day).
-uint32_t BlocksOverlapping(Store& store, uint16_t day, uint32_t from, uint32_t to) {
+uint32_t BlocksOverlapping(BenchStore& store, uint16_t day, uint32_t from, uint32_t to) {
   struct Count {
     uint16_t day;
     uint32_t from, to, blocks;
   } count{day, from, to, 0};
-  store.manager.ProcessIndex(
+  store.manager().ProcessIndex(
       [](Tarn::Storage::Index& index, void* context) {
         auto& c = *static_cast<Count*>(context);
         const Tarn::Storage::DayInfo* info = index.tree().SearchUnsafe(c.day);
@@ -287,7 +225,7 @@ uint32_t BlocksOverlapping(Store& store, uint16_t day, uint32_t from, uint32_t t
 
 // 13:00 to 13:59:59 of the fourth day, all columns.
 void BM_OneHourOfSevenDays(benchmark::State& state) {
-  Store& store = WeekStore();
+  BenchStore& store = WeekStore();
   if (!store.ok) return state.SkipWithError("no store");
   const uint16_t day = kFirstDay + 3;
   const uint64_t from = Tarn::Storage::ToEpochSeconds(day, 13 * 3600);
@@ -300,11 +238,11 @@ void BM_OneHourOfSevenDays(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
     store.FreshReader();
-    const uint32_t before = store.manager.telemetry().snapshot().cache_miss_count;
+    const uint32_t before = store.manager().telemetry().snapshot().cache_miss_count;
     state.ResumeTiming();
     rows = RunQuery(store, constraints, "");
     state.PauseTiming();
-    misses = store.manager.telemetry().snapshot().cache_miss_count - before;
+    misses = store.manager().telemetry().snapshot().cache_miss_count - before;
     state.ResumeTiming();
     if (rows <= 0) return state.SkipWithError("query failed");
   }

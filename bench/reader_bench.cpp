@@ -10,39 +10,27 @@
 
 #include <benchmark/benchmark.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "Keel/Collections/Buffer.h"
-#include "Tarn/Events/Base.h"
 #include "Tarn/Events/GenericEventHolder.h"
-#include "Tarn/Storage/ITimeProvider.h"
+#include "common/BenchStore.h"
 #include "manager/EventStorageProvider.h"
 #include "manager/EventsBlock.h"
-#include "manager/StorageManager.h"
 
 namespace {
 
 using Keel::Collections::Buffer;
+using Tarn::Bench::BenchStore;
+using Tarn::Bench::kFirstDay;
 using Tarn::Storage::EventStorageProvider;
 using Tarn::Storage::RawIterator;
 
-constexpr uint16_t kFirstDay = 9000;
 constexpr uint16_t kDays = 4;
-constexpr uint64_t kEpoch2000 = 946'684'800;
-
-class BenchClock final : public Tarn::Storage::ITimeProvider {
- public:
-  uint64_t GetEpochTime() override { return now.load(); }
-  uint64_t GetSystemTime() override { return now.load() * 1000; }
-  std::atomic<uint64_t> now{kEpoch2000 + kFirstDay * 86'400ull};
-};
 
 // Event-like records: a 24-byte header, numeric slots, then paths, command
 // lines, a user name and a hex hash. Deterministic.
@@ -89,95 +77,46 @@ class RecordMaker {
   std::vector<uint8_t> record_;
 };
 
-// The store, built once, and what the benchmarks need to know about it.
-struct Store {
-  std::string directory;
-  BenchClock clock;
-  Tarn::Storage::StorageManager manager;
-  std::unique_ptr<EventStorageProvider> reader;
-  uint64_t events = 0;
-  uint64_t raw_bytes = 0;  // decoded block sizes, summed
-  uint32_t blocks = 0;
-  bool ok = false;
-
-  ~Store() {
-    reader.reset();
-    manager.Stop();
-    std::error_code ignored;
-    if (!directory.empty()) std::filesystem::remove_all(directory, ignored);
-  }
-
-  // A reader with an empty cache.
-  void FreshReader() {
-    reader = std::make_unique<EventStorageProvider>(manager, manager.telemetry());
-    reader->Create();
-  }
-};
-
 uint64_t TargetBytes() {
   const char* mib = std::getenv("TARN_READER_BENCH_MIB");
   uint64_t value = mib != nullptr ? std::strtoull(mib, nullptr, 10) : 100;
   return (value == 0 ? 100 : value) << 20;
 }
 
-bool Fill(Store& store) {
-  // The records of one event are about 250 bytes; spread them evenly over
-  // the days, several per second.
-  const uint64_t target = TargetBytes();
-  const uint64_t per_day = target / 250 / kDays + 1;
-  RecordMaker maker;
-  for (uint16_t d = 0; d < kDays; ++d) {
-    for (uint64_t i = 0; i < per_day; ++i) {
-      uint64_t second = i * 86'400 / per_day;
-      store.clock.now = kEpoch2000 + (kFirstDay + d) * 86'400ull + second;
-      const std::vector<uint8_t>& record = maker.Next(store.clock.now * 1000);
-      Tarn::Events::Objects::Base event(record.data(), record.size());
-      if (!store.manager.AddEvent(event)) return false;
+// Writes every block's payload as the plain .xz stream, and the raw byte
+// count into "<path>.raw".
+bool DumpPayloads(BenchStore& store, const char* path) {
+  std::FILE* out = std::fopen(path, "wb");
+  if (out == nullptr) return false;
+  store.Survey([&](const EventStorageProvider::DecodeToken&, const Buffer& stored) {
+    std::vector<uint8_t> plain(stored.Data(), stored.Data() + stored.Size());
+    Tarn::Storage::InvertBytes(plain.data(), plain.size());
+    std::fwrite(plain.data(), 1, plain.size(), out);
+  });
+  std::fclose(out);
+  std::FILE* raw = std::fopen((std::string(path) + ".raw").c_str(), "w");
+  if (raw == nullptr) return false;
+  std::fprintf(raw, "%llu\n", static_cast<unsigned long long>(store.raw_bytes));
+  std::fclose(raw);
+  return true;
+}
+
+// The store, built once: records of about 250 bytes spread evenly over the
+// days, several per second.
+BenchStore& TheStore() {
+  static BenchStore* store = [] {
+    auto* s = new BenchStore();
+    RecordMaker maker;
+    Tarn::Bench::StoreShape shape;
+    shape.name = "reader-bench";
+    shape.bytes = TargetBytes();
+    shape.days = kDays;
+    if (!s->Build(shape, [&](uint64_t time_ms) -> const std::vector<uint8_t>& {
+          return maker.Next(time_ms);
+        })) {
+      return s;
     }
-  }
-  return store.manager.Flush();
-}
-
-// Sums the raw sizes and, when asked, dumps the payloads as plain .xz.
-bool Survey(Store& store) {
-  const char* dump = std::getenv("TARN_BENCH_DUMP");
-  std::FILE* out = dump != nullptr ? std::fopen(dump, "wb") : nullptr;
-  if (dump != nullptr && out == nullptr) return false;
-  store.reader->ProcessBlocks(
-      store.reader->GetFirstIterVal(), store.reader->GetLastIterVal(),
-      [&](const EventStorageProvider::DecodeToken& token, const Buffer& stored) {
-        store.raw_bytes += token.decoded_size;
-        store.events += token.event_count;
-        ++store.blocks;
-        if (out == nullptr) return;
-        std::vector<uint8_t> plain(stored.Data(), stored.Data() + stored.Size());
-        Tarn::Storage::InvertBytes(plain.data(), plain.size());
-        std::fwrite(plain.data(), 1, plain.size(), out);
-      });
-  if (out != nullptr) {
-    std::fclose(out);
-    std::FILE* raw = std::fopen((std::string(dump) + ".raw").c_str(), "w");
-    if (raw == nullptr) return false;
-    std::fprintf(raw, "%llu\n", static_cast<unsigned long long>(store.raw_bytes));
-    std::fclose(raw);
-  }
-  return store.events != 0;
-}
-
-Store& TheStore() {
-  static Store* store = [] {
-    auto* s = new Store();
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "tarn-reader-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) return s;
-    s->directory = pattern;
-    Tarn::Storage::Settings settings = Tarn::Storage::Settings::default_();
-    settings.max_storage_size = 2 * TargetBytes() + (50u << 20);
-    if (!s->manager.Create(settings, &s->clock, 0, s->directory.c_str()) || !Fill(*s)) return s;
-    s->FreshReader();
-    s->ok = Survey(*s);
-    std::fprintf(stderr, "store: %llu events, %u blocks, %.1f MiB raw\n",
-                 static_cast<unsigned long long>(s->events), s->blocks, s->raw_bytes / 1048576.0);
+    if (const char* dump = std::getenv("TARN_BENCH_DUMP")) s->ok = DumpPayloads(*s, dump);
     return s;
   }();
   return *store;
@@ -185,12 +124,13 @@ Store& TheStore() {
 
 // A time in the stored range, on the second of some event.
 Keel::OS::DateTime RandomTime(std::mt19937& random) {
-  uint64_t day = kFirstDay + random() % kDays;
-  return Keel::OS::DateTime(static_cast<int64_t>(kEpoch2000 + day * 86'400 + random() % 86'400));
+  const auto day = static_cast<uint16_t>(kFirstDay + random() % kDays);
+  return Keel::OS::DateTime(
+      static_cast<int64_t>(Tarn::Storage::ToEpochSeconds(day, random() % 86'400)));
 }
 
 void BM_ByTimeSearchColdCache(benchmark::State& state) {
-  Store& store = TheStore();
+  BenchStore& store = TheStore();
   if (!store.ok) return state.SkipWithError("no store");
   std::mt19937 random(1);
   for (auto _ : state) {
@@ -198,16 +138,16 @@ void BM_ByTimeSearchColdCache(benchmark::State& state) {
     store.FreshReader();
     Keel::OS::DateTime time = RandomTime(random);
     state.ResumeTiming();
-    benchmark::DoNotOptimize(store.reader->GetIterVal(time, Tarn::Comm::Interface::AtOrAfter));
+    benchmark::DoNotOptimize(store.reader().GetIterVal(time, Tarn::Comm::Interface::AtOrAfter));
   }
 }
 BENCHMARK(BM_ByTimeSearchColdCache)->Unit(benchmark::kMillisecond)->Iterations(8);
 
 void BM_ByTimeSearchWarmCache(benchmark::State& state) {
-  Store& store = TheStore();
+  BenchStore& store = TheStore();
   if (!store.ok) return state.SkipWithError("no store");
   // Times inside the first block only, which the first search loads.
-  EventStorageProvider& reader = *store.reader;
+  EventStorageProvider& reader = store.reader();
   RawIterator block0(reader.GetFirstIterVal());
   Tarn::Storage::BlockCache::BlockPtr block = reader.GetBlockFromCache(block0);
   Keel::OS::DateTime first;
@@ -227,9 +167,9 @@ void BM_ByTimeSearchWarmCache(benchmark::State& state) {
 BENCHMARK(BM_ByTimeSearchWarmCache)->Unit(benchmark::kMicrosecond);
 
 void BM_Increment(benchmark::State& state) {
-  Store& store = TheStore();
+  BenchStore& store = TheStore();
   if (!store.ok) return state.SkipWithError("no store");
-  EventStorageProvider& reader = *store.reader;
+  EventStorageProvider& reader = store.reader();
   const uint64_t first = reader.GetFirstIterVal();
   uint64_t p = first;
   for (auto _ : state) {
@@ -241,9 +181,9 @@ void BM_Increment(benchmark::State& state) {
 BENCHMARK(BM_Increment);
 
 void BM_GetEventCachedBlock(benchmark::State& state) {
-  Store& store = TheStore();
+  BenchStore& store = TheStore();
   if (!store.ok) return state.SkipWithError("no store");
-  EventStorageProvider& reader = *store.reader;
+  EventStorageProvider& reader = store.reader();
   RawIterator first(reader.GetFirstIterVal());
   Tarn::Events::GenericEventHolder holder;
   if (!reader.GetEvent(first, &holder)) return state.SkipWithError("no first event");
@@ -262,14 +202,14 @@ BENCHMARK(BM_GetEventCachedBlock);
 
 // Every event, in order, through GetEvent, from a cold cache.
 void BM_FullWalkGetEvent(benchmark::State& state) {
-  Store& store = TheStore();
+  BenchStore& store = TheStore();
   if (!store.ok) return state.SkipWithError("no store");
   Tarn::Events::GenericEventHolder holder;
   for (auto _ : state) {
     state.PauseTiming();
     store.FreshReader();
     state.ResumeTiming();
-    EventStorageProvider& reader = *store.reader;
+    EventStorageProvider& reader = store.reader();
     uint64_t read = 0;
     for (uint64_t p = reader.GetFirstIterVal(); p != RawIterator::Invalid; reader.Increment(p)) {
       read += reader.GetEvent(p, &holder) ? 1 : 0;
@@ -283,9 +223,9 @@ BENCHMARK(BM_FullWalkGetEvent)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 // Every block handed out encoded and decoded by the consumer.
 void BM_FullWalkProcessBlocks(benchmark::State& state) {
-  Store& store = TheStore();
+  BenchStore& store = TheStore();
   if (!store.ok) return state.SkipWithError("no store");
-  EventStorageProvider& reader = *store.reader;
+  EventStorageProvider& reader = store.reader();
   Buffer decoded;
   Tarn::Storage::Telemetry::StorageTelemetry telemetry;
   for (auto _ : state) {
