@@ -2,7 +2,7 @@
 # Installs the Debian packages the build, the tests, the sanitizer builds,
 # the fuzzers and the benchmarks need.
 # Idempotent and non-interactive: asks apt only for what is missing, and runs
-# `apt-get update` only when something is.
+# `apt-get update` only when something is. Arguments name more packages.
 set -euo pipefail
 
 packages=(
@@ -21,6 +21,7 @@ packages=(
   # The sanitizer build and the fuzzers: clang, its sanitizer runtimes (only
   # recommended by clang, which this script does not install) and libFuzzer.
   clang libclang-rt-14-dev libfuzzer-14-dev
+  "$@"
 )
 
 missing=()
