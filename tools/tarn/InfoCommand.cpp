@@ -18,11 +18,17 @@ namespace Tarn::Tool {
 
 namespace {
 
+// What counts toward the size limit: every day file, indexed or not.
+uint64_t DayFileBytes(const StoreStats& stats) {
+  uint64_t total = stats.loose_bytes;
+  for (const DayStats& day : stats.days) total += day.file_bytes;
+  return total;
+}
+
 // The oldest days a store opened with the given limits evicts: days past
 // the day limit, then days while its files pass the size limit.
 std::vector<uint16_t> DaysPastLimits(const StoreStats& stats, const InfoOptions& options) {
-  uint64_t total = stats.loose_bytes;
-  for (const DayStats& day : stats.days) total += day.file_bytes;
+  uint64_t total = DayFileBytes(stats);
   std::vector<uint16_t> evicted;
   size_t kept = stats.days.size();
   for (const DayStats& day : stats.days) {
@@ -37,13 +43,14 @@ std::vector<uint16_t> DaysPastLimits(const StoreStats& stats, const InfoOptions&
 }
 
 std::string LimitsText(const StoreStats& stats, const InfoOptions& options) {
-  uint64_t total = stats.loose_bytes;
-  for (const DayStats& day : stats.days) total += day.file_bytes;
   std::string text = "limits       ";
-  if (options.max_size) text += FormatBytes(total) + " of " + FormatBytes(*options.max_size);
+  if (options.max_size) {
+    text += FormatBytes(DayFileBytes(stats)) + " of " + FormatBytes(*options.max_size);
+  }
   if (options.max_size && options.max_days) text += ", ";
   if (options.max_days) {
-    text += std::to_string(stats.days.size()) + " of " + std::to_string(*options.max_days) + " days";
+    text += std::to_string(stats.days.size()) + " of " + std::to_string(*options.max_days) +
+            " days";
   }
   const std::vector<uint16_t> evicted = DaysPastLimits(stats, options);
   if (evicted.empty()) return text + ": within them\n";
@@ -52,13 +59,15 @@ std::string LimitsText(const StoreStats& stats, const InfoOptions& options) {
   return text + ")\n";
 }
 
-std::string LimitsJson(const StoreStats& stats, const InfoOptions& options) {
-  nlohmann::json limits;
+nlohmann::ordered_json LimitsJson(const StoreStats& stats, const InfoOptions& options) {
+  nlohmann::ordered_json limits;
   if (options.max_size) limits["max_size"] = *options.max_size;
   if (options.max_days) limits["max_days"] = *options.max_days;
   limits["evicted_days"] = nlohmann::json::array();
-  for (uint16_t day : DaysPastLimits(stats, options)) limits["evicted_days"].push_back(FormatDay(day));
-  return limits.dump();
+  for (uint16_t day : DaysPastLimits(stats, options)) {
+    limits["evicted_days"].push_back(FormatDay(day));
+  }
+  return limits;
 }
 
 }  // namespace
@@ -80,7 +89,7 @@ int RunInfo(const InfoOptions& options) {
     text = StatsJson(options.store, stats);
     if (limits) {
       nlohmann::ordered_json document = nlohmann::ordered_json::parse(text);
-      document["limits"] = nlohmann::json::parse(LimitsJson(stats, options));
+      document["limits"] = LimitsJson(stats, options);
       text = document.dump(2);
     }
     text += "\n";

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstring>
+
 #include "Keel/OS/Network.h"
 #include "Keel/Utils/String.h"
 #include "osquery/RecordColumns.h"
@@ -11,6 +13,8 @@ namespace Tarn::Tool {
 namespace {
 
 int CompareSpellings(void*, int left_size, const void* left, int right_size, const void* right) {
+  // Equal bytes are the same address: only other spellings need reading.
+  if (left_size == right_size && std::memcmp(left, right, size_t(left_size)) == 0) return 0;
   const std::string a = RowSpelling({static_cast<const char*>(left), size_t(left_size)});
   const std::string b = RowSpelling({static_cast<const char*>(right), size_t(right_size)});
   return a.compare(b);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,15 +40,21 @@ void AddLimits(CLI::App* command, LimitTexts& limits) {
                       "10M); smaller blocks compress faster");
 }
 
-bool ReadLimits(const LimitTexts& texts, StoreLimits& limits, std::string& error) {
-  uint64_t bytes = 0;
-  if (!texts.max_size.empty()) {
-    if (!ParseSize(texts.max_size, bytes)) {
-      error = "--max-size takes a size such as 200M or 1G, not \"" + texts.max_size + "\"";
-      return false;
-    }
-    limits.max_size = bytes;
+// A --max-size as typed; unset when not given.
+bool ReadMaxSize(const std::string& text, std::optional<uint64_t>& bytes, std::string& error) {
+  if (text.empty()) return true;
+  uint64_t value = 0;
+  if (!ParseSize(text, value)) {
+    error = "--max-size takes a size such as 200M or 1G, not \"" + text + "\"";
+    return false;
   }
+  bytes = value;
+  return true;
+}
+
+bool ReadLimits(const LimitTexts& texts, StoreLimits& limits, std::string& error) {
+  if (!ReadMaxSize(texts.max_size, limits.max_size, error)) return false;
+  uint64_t bytes = 0;
   if (!texts.block_size.empty()) {
     if (!ParseSize(texts.block_size, bytes) || bytes > 0xFFFFFFFFu) {
       error = "--block-size takes a size such as 256K or 10M, not \"" + texts.block_size + "\"";
@@ -100,10 +107,11 @@ int ReportExtras(CLI::App& app, int argc, char** argv) {
     left.erase(it);
     names += (names.empty() ? "" : " ") + std::string(argv[i]);
   }
-  std::vector<CLI::App*> commands = app.get_subcommands();
-  const std::string help = commands.empty() ? "tarn --help" : "tarn " + commands.front()->get_name() + " --help";
-  PrintError("unexpected " + std::string(names.find(' ') == std::string::npos ? "argument" : "arguments") +
-             " " + names + " (see " + help + ")");
+  const std::vector<CLI::App*> commands = app.get_subcommands();
+  const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
+  const bool one = names.find(' ') == std::string::npos;
+  PrintError(std::string("unexpected ") + (one ? "argument " : "arguments ") + names + " (see tarn" +
+             command + " --help)");
   return 1;
 }
 
@@ -304,13 +312,9 @@ int main(int argc, char** argv) {
   if (info_cmd->parsed()) {
     info.store = AbsoluteStore(info.store);
     info.tables = !no_tables;
-    uint64_t bytes = 0;
-    if (!info_max_size.empty()) {
-      if (!ParseSize(info_max_size, bytes)) {
-        PrintError("--max-size takes a size such as 200M or 1G, not \"" + info_max_size + "\"");
-        return 1;
-      }
-      info.max_size = bytes;
+    if (!ReadMaxSize(info_max_size, info.max_size, error)) {
+      PrintError(error);
+      return 1;
     }
     return RunInfo(info);
   }
