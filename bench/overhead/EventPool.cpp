@@ -5,8 +5,8 @@
 #include "Tarn/Events/DynamicEventBuilder.h"
 #include "Tarn/Events/Record.h"
 #include "osquery/RecordBuilder.h"
-#include "tarn/Synthetic.h"
-#include "tarn/TextForms.h"
+#include "tarn/synthetic/Synthetic.h"
+#include "tarn/cli/TextForms.h"
 
 namespace Tarn::Bench {
 

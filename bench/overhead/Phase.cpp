@@ -10,8 +10,8 @@
 
 #include "Tarn/Events/Base.h"
 #include "common/Measure.h"
-#include "tarn/ModuleHost.h"
-#include "tarn/StoreStats.h"
+#include "tarn/host/ModuleHost.h"
+#include "tarn/offline/StoreStats.h"
 
 namespace Tarn::Bench {
 namespace {

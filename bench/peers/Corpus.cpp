@@ -7,7 +7,7 @@
 #include "Tarn/Events/DynamicEventBuilder.h"
 #include "osquery/RecordBuilder.h"
 #include "peers/RecordFile.h"
-#include "tarn/RowJson.h"
+#include "tarn/import/RowJson.h"
 
 namespace Tarn::Bench {
 namespace {

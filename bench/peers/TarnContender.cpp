@@ -14,8 +14,8 @@
 #include "peers/Contender.h"
 #include "peers/Questions.h"
 #include "peers/RecordFile.h"
-#include "tarn/ModuleHost.h"
-#include "tarn/QueryClient.h"
+#include "tarn/host/ModuleHost.h"
+#include "tarn/host/QueryClient.h"
 
 namespace Tarn::Bench {
 namespace {

@@ -7,9 +7,9 @@
 
 #include "Keel/OS/Time.h"
 #include "support/temp_dir.h"
-#include "tarn/ReplayClock.h"
-#include "tarn/StoreLock.h"
-#include "tarn/TextForms.h"
+#include "tarn/host/ReplayClock.h"
+#include "tarn/offline/StoreLock.h"
+#include "tarn/cli/TextForms.h"
 
 namespace Tarn::Tool {
 namespace {

@@ -12,10 +12,10 @@
 #include "Keel/OS/Time.h"
 #include "Tarn/Events/GenericEventHolder.h"
 #include "support/temp_dir.h"
-#include "tarn/EventFeed.h"
-#include "tarn/ModuleHost.h"
-#include "tarn/RowJson.h"
-#include "tarn/TextForms.h"
+#include "tarn/host/EventFeed.h"
+#include "tarn/host/ModuleHost.h"
+#include "tarn/import/RowJson.h"
+#include "tarn/cli/TextForms.h"
 
 namespace Tarn::Tool {
 namespace {

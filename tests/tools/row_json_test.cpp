@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "osquery/Tables.h"
-#include "tarn/RowJson.h"
+#include "tarn/import/RowJson.h"
 #include "tools/edge_rows.h"
 
 namespace Tarn::Tool {

@@ -13,8 +13,8 @@
 
 #include <chrono>
 
-#include "tarn/SqlLiterals.h"
-#include "tarn/TextForms.h"
+#include "tarn/sql/SqlLiterals.h"
+#include "tarn/cli/TextForms.h"
 #include "tools/tool_runner.h"
 
 namespace {

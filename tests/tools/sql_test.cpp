@@ -19,10 +19,10 @@
 #include "osquery/MatchColumns.h"
 #include "osquery/Tables.h"
 #include "osquery/TimeRange.h"
-#include "tarn/ResultPrinter.h"
-#include "tarn/RowJson.h"
-#include "tarn/SqlConstraints.h"
-#include "tarn/Synthetic.h"
+#include "tarn/sql/ResultPrinter.h"
+#include "tarn/import/RowJson.h"
+#include "tarn/sql/SqlConstraints.h"
+#include "tarn/synthetic/Synthetic.h"
 #include "tools/tool_runner.h"
 
 namespace {

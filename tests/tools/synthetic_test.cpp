@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "osquery/Tables.h"
-#include "tarn/RowJson.h"
-#include "tarn/Synthetic.h"
+#include "tarn/import/RowJson.h"
+#include "tarn/synthetic/Synthetic.h"
 
 namespace Tarn::Tool {
 namespace {

@@ -11,8 +11,8 @@
 #include <nlohmann/json.hpp>
 
 #include "osquery/Tables.h"
-#include "tarn/RowJson.h"
-#include "tarn/Synthetic.h"
+#include "tarn/import/RowJson.h"
+#include "tarn/synthetic/Synthetic.h"
 #include "tools/edge_rows.h"
 #include "tools/tool_runner.h"
 

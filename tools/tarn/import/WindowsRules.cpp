@@ -1,0 +1,320 @@
+#include "tarn/import/WindowsRules.h"
+
+namespace Tarn::Tool::Windows {
+namespace {
+
+using C = Convert;
+
+constexpr std::string_view kSysmon = "Microsoft-Windows-Sysmon/Operational";
+constexpr std::string_view kSecurity = "Security";
+constexpr std::string_view kSystem = "System";
+constexpr std::string_view kPowerShell = "Microsoft-Windows-PowerShell/Operational";
+
+// PROCESS_VM_READ: a handle that may read the process's memory.
+constexpr uint64_t kVmRead = 0x10;
+
+// ---- Sysmon -----------------------------------------------------------------
+// Every Sysmon event names the process that acted by its ProcessGuid and
+// ProcessId; the rules repeat those three columns.
+
+constexpr FieldRule kProcessCreate[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"ParentProcessGuid", "parent_puid", C::kPuid},
+    {"ParentProcessGuid", "parent_pid_time_stamp", C::kStartTime},
+    {"ParentProcessId", "parent_pid", C::kNumber},
+    {"ParentImage", "parent_path_crc", C::kPathHash},
+    {"Image", "path"},
+    {"Image", "process_name", C::kFileName},
+    {"CommandLine", "command_line"},
+    {"CommandLine", "command_line_indexes", C::kArgOffsets},
+    {"CurrentDirectory", "working_directory"},
+    {"IntegrityLevel", "integrity_level", C::kIntegrity},
+};
+
+constexpr FieldRule kProcessTerminate[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+};
+
+// Sysmon names the end that opened the connection Source.
+constexpr FieldRule kConnectOut[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"SourceIp", "local_ip", C::kAddress},
+    {"SourcePort", "local_port", C::kNumber},
+    {"DestinationIp", "remote_ip", C::kAddress},
+    {"DestinationPort", "remote_port", C::kNumber},
+    {"Protocol", "protocol"},
+    {"2", "direction", C::kConstant},  // outbound
+    {"SourceHostname", "", C::kExtra},
+    {"DestinationHostname", "", C::kExtra},
+    {"DestinationPortName", "", C::kExtra},
+    {"User", "", C::kExtra},
+};
+
+constexpr FieldRule kConnectIn[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"DestinationIp", "local_ip", C::kAddress},
+    {"DestinationPort", "local_port", C::kNumber},
+    {"SourceIp", "remote_ip", C::kAddress},
+    {"SourcePort", "remote_port", C::kNumber},
+    {"Protocol", "protocol"},
+    {"1", "direction", C::kConstant},  // inbound
+    {"SourceHostname", "", C::kExtra},
+    {"DestinationHostname", "", C::kExtra},
+    {"DestinationPortName", "", C::kExtra},
+    {"User", "", C::kExtra},
+};
+
+constexpr FieldRule kDriverLoad[] = {
+    {"ImageLoaded", "module_path"},
+    {"Signed", "is_signed", C::kFlag},
+    {"Signature", "issued_to"},
+};
+
+constexpr FieldRule kImageLoad[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"ImageLoaded", "module_path"},
+};
+
+constexpr FieldRule kRemoteThread[] = {
+    {"SourceProcessGuid", "puid", C::kPuid},
+    {"SourceProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"SourceProcessId", "pid", C::kNumber},
+    {"TargetProcessGuid", "victim_uid", C::kPuid},
+    {"TargetProcessId", "victim_pid", C::kNumber},
+};
+
+constexpr FieldRule kRawRead[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"Device", "path"},
+};
+
+constexpr FieldRule kReadMemory[] = {
+    {"SourceProcessGUID", "puid", C::kPuid},
+    {"SourceProcessGUID", "pid_time_stamp", C::kStartTime},
+    {"SourceProcessId", "pid", C::kNumber},
+    {"TargetProcessGUID", "target_puid", C::kPuid},
+    {"TargetProcessId", "target_pid", C::kNumber},
+};
+
+// A handle to another process without the right to read its memory.
+constexpr FieldRule kOpenProcess[] = {
+    {"SourceProcessGUID", "puid", C::kPuid},
+    {"SourceProcessGUID", "pid_time_stamp", C::kStartTime},
+    {"SourceProcessId", "pid", C::kNumber},
+    {"OpenProcess", "name", C::kConstant},
+    {"TargetImage", "", C::kExtra},
+    {"TargetProcessId", "", C::kExtra},
+    {"GrantedAccess", "", C::kExtra},
+};
+
+constexpr FieldRule kFile[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"TargetFilename", "path"},
+};
+
+constexpr FieldRule kRegistryKey[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"TargetObject", "key"},
+};
+
+constexpr FieldRule kRegistryValue[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"TargetObject", "key", C::kRegistryKey},
+    {"TargetObject", "value_name", C::kRegistryName},
+    {"Details", "data"},
+    {"Details", "data_type", C::kRegistryType},
+};
+
+constexpr FieldRule kPipe[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"PipeName", "path", C::kPipe},
+};
+
+constexpr FieldRule kPipeConnect[] = {
+    {"ProcessGuid", "puid", C::kPuid},
+    {"ProcessGuid", "pid_time_stamp", C::kStartTime},
+    {"ProcessId", "pid", C::kNumber},
+    {"PipeName", "path", C::kPipe},
+    {"pipe", "protocol", C::kConstant},
+};
+
+constexpr FieldRule kWmiFilter[] = {{"Query", "operation"}};
+constexpr FieldRule kWmiConsumer[] = {{"Destination", "operation"}};
+constexpr FieldRule kWmiBinding[] = {{"Consumer", "consumer_name"}, {"Filter", "filter"}};
+
+// ---- Security and System ----------------------------------------------------
+
+constexpr FieldRule kLogon[] = {
+    {"TargetUserName", "username"},
+    {"TargetDomainName", "user_domain"},
+    {"LogonType", "login_type", C::kNumber},
+    {"IpAddress", "ip_address", C::kAddress},
+    {"TargetLogonId", "logon_id", C::kNumber},
+    {"AuthenticationPackageName", "authentication_package_name"},
+    {"LogonGuid", "logon_guid"},
+    {"LogonProcessName", "logon_process_name"},
+};
+
+constexpr FieldRule kLogonFailed[] = {
+    {"TargetUserName", "username"},
+    {"TargetDomainName", "user_domain"},
+    {"LogonType", "login_type", C::kNumber},
+    {"IpAddress", "ip_address", C::kAddress},
+    {"Status", "status", C::kNumber},
+    {"SubStatus", "login_status", C::kNumber},
+    {"AuthenticationPackageName", "authentication_package_name"},
+    {"LogonProcessName", "logon_process_name"},
+};
+
+constexpr FieldRule kLogoff[] = {
+    {"TargetUserName", "username"},
+    {"TargetDomainName", "user_domain"},
+};
+
+// The Security log names processes by pid alone: each creation gets a puid
+// of its own, which nothing else links to.
+constexpr FieldRule kSecurityProcessCreate[] = {
+    {"NewProcessId", "puid", C::kPidPuid},
+    {"", "pid_time_stamp", C::kEventTime},
+    {"NewProcessId", "pid", C::kNumber},
+    {"ProcessId", "parent_pid", C::kNumber},
+    {"ParentProcessName", "parent_path_crc", C::kPathHash},
+    {"NewProcessName", "path"},
+    {"NewProcessName", "process_name", C::kFileName},
+    {"CommandLine", "command_line"},
+    {"CommandLine", "command_line_indexes", C::kArgOffsets},
+    {"MandatoryLabel", "integrity_level", C::kIntegrity},
+    {"TokenElevationType", "elevation_level", C::kElevation},
+};
+
+constexpr FieldRule kSecurityProcessExit[] = {{"ProcessId", "pid", C::kNumber}};
+
+// Created and deleted accounts: the user who acted, then the account.
+constexpr FieldRule kAccount[] = {
+    {"SubjectUserName", "username"},
+    {"SubjectDomainName", "user_domain"},
+    {"TargetUserName", "target_user_name"},
+    {"TargetDomainName", "target_user_domain"},
+};
+
+// A changed account: the account, and the event id as the operation.
+constexpr FieldRule kAccountChange[] = {
+    {"TargetUserName", "username"},
+    {"TargetDomainName", "user_domain"},
+    {"NewUacValue", "user_account_control", C::kNumber},
+    {"", "operation", C::kEventId},
+};
+
+constexpr FieldRule kServiceInstalled[] = {
+    {"ServiceName", "name"},
+    {"ServiceFileName", "command_line"},
+    {"ServiceFileName", "service_path", C::kProgram},
+    {"ServiceType", "is_driver", C::kDriver},
+    {"ServiceStartType", "service_start_type", C::kStartType},
+};
+
+constexpr FieldRule kServiceInstalledSystem[] = {
+    {"ServiceName", "name"},
+    {"ImagePath", "command_line"},
+    {"ImagePath", "service_path", C::kProgram},
+    {"ServiceType", "is_driver", C::kDriver},
+    {"StartType", "service_start_type", C::kStartType},
+};
+
+constexpr FieldRule kTaskCreated[] = {
+    {"ClientProcessId", "pid", C::kNumber},
+    {"TaskName", "name"},
+    {"TaskContent", "command_lines", C::kTaskCommands},
+    {"TaskContent", "target_paths", C::kTaskPrograms},
+};
+
+constexpr FieldRule kTaskDeleted[] = {
+    {"ClientProcessId", "pid", C::kNumber},
+    {"TaskName", "name"},
+};
+
+constexpr FieldRule kTaskUpdated[] = {
+    {"ClientProcessId", "pid", C::kNumber},
+    {"TaskName", "name"},
+    {"TaskContentNew", "new_command_lines", C::kTaskCommands},
+    {"TaskContentNew", "new_target_processes", C::kTaskPrograms},
+};
+
+// ---- PowerShell -------------------------------------------------------------
+
+constexpr FieldRule kScriptBlock[] = {{"ScriptBlockText", "command"}};
+constexpr FieldRule kPipeline[] = {{"Payload", "command"}};
+
+constexpr EventRule kRules[] = {
+    {kSysmon, 1, {}, "edr_process_create", kProcessCreate},
+    {kSysmon, 3, {"Initiated", "false"}, "edr_network_generic_connect", kConnectIn},
+    {kSysmon, 3, {}, "edr_network_generic_connect", kConnectOut},
+    {kSysmon, 5, {}, "edr_process_terminate", kProcessTerminate},
+    {kSysmon, 6, {}, "edr_driver_load_module", kDriverLoad},
+    {kSysmon, 7, {}, "edr_process_load_module", kImageLoad},
+    {kSysmon, 8, {}, "edr_process_injection", kRemoteThread},
+    {kSysmon, 9, {}, "edr_file_read", kRawRead},
+    {kSysmon, 10, {"GrantedAccess", "", kVmRead}, "edr_process_read_memory", kReadMemory},
+    {kSysmon, 10, {}, "edr_process_api_call", kOpenProcess},
+    {kSysmon, 11, {}, "edr_file_create", kFile},
+    {kSysmon, 12, {"EventType", "CreateKey"}, "edr_registry_key_create", kRegistryKey},
+    {kSysmon, 12, {"EventType", "DeleteKey"}, "edr_registry_key_delete", kRegistryKey},
+    {kSysmon, 12, {"EventType", "DeleteValue"}, "edr_registry_value_delete", kRegistryValue},
+    {kSysmon, 13, {}, "edr_registry_value_write", kRegistryValue},
+    {kSysmon, 15, {}, "edr_file_ads_create", kFile},
+    {kSysmon, 17, {}, "edr_file_create", kPipe},
+    {kSysmon, 18, {}, "edr_local_generic_connect", kPipeConnect},
+    {kSysmon, 19, {}, "edr_wmi_new_activity", kWmiFilter},
+    {kSysmon, 20, {}, "edr_wmi_new_activity", kWmiConsumer},
+    {kSysmon, 21, {}, "edr_wmi_new_binding", kWmiBinding},
+    {kSysmon, 23, {}, "edr_file_delete", kFile},
+    {kSysmon, 26, {}, "edr_file_delete", kFile},
+    {kSecurity, 4624, {}, "edr_user_login", kLogon},
+    {kSecurity, 4625, {}, "edr_user_login", kLogonFailed},
+    {kSecurity, 4634, {}, "edr_user_logout", kLogoff},
+    {kSecurity, 4647, {}, "edr_user_logout", kLogoff},
+    {kSecurity, 4688, {}, "edr_process_create", kSecurityProcessCreate},
+    {kSecurity, 4689, {}, "edr_process_terminate", kSecurityProcessExit},
+    {kSecurity, 4697, {}, "edr_service_added", kServiceInstalled},
+    {kSecurity, 4698, {}, "edr_scheduled_task_create", kTaskCreated},
+    {kSecurity, 4699, {}, "edr_scheduled_task_delete", kTaskDeleted},
+    {kSecurity, 4702, {}, "edr_scheduled_task_modify", kTaskUpdated},
+    {kSecurity, 4720, {}, "edr_user_account_create", kAccount},
+    {kSecurity, 4722, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 4723, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 4724, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 4725, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 4726, {}, "edr_user_account_delete", kAccount},
+    {kSecurity, 4738, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 4740, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 4781, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSystem, 7045, {}, "edr_service_added", kServiceInstalledSystem},
+    {kPowerShell, 4103, {}, "edr_shell_command", kPipeline},
+    {kPowerShell, 4104, {}, "edr_shell_command", kScriptBlock},
+};
+
+}  // namespace
+
+std::span<const EventRule> Rules() { return kRules; }
+
+}  // namespace Tarn::Tool::Windows

@@ -1,0 +1,574 @@
+#include "tarn/sql/SqlTables.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+#include "osquery/Tables.h"
+#include "tarn/host/QueryClient.h"
+#include "tarn/sql/ScanCache.h"
+#include "tarn/sql/SqlAddresses.h"
+#include "tarn/sql/SqlConstraints.h"
+
+namespace Tarn::Tool {
+namespace {
+
+using google::protobuf::FieldDescriptor;
+using Storage::OSQuery::ColumnInfo;
+using Storage::OSQuery::ColumnKind;
+using Storage::OSQuery::TableInfo;
+
+// Guesses for the planner: the store scans a table's whole time range
+// whatever else the terms say, so only date_time makes a scan cheaper; the
+// other terms make its answer smaller.
+constexpr double kScanCost = 1e6;
+constexpr double kRowsGuess = 1e6;
+
+// ---- The plan xBestIndex hands xFilter -------------------------------------
+
+struct PlanTerm {
+  uint16_t column = 0;
+  uint8_t op = 0;
+  bool constant = false;  // its value is known when the statement is prepared
+};
+
+// Written as "<columns used>;<column>,<op>,<c|v>;…" in idxStr.
+struct Plan {
+  uint64_t used = 0;  // SQLite's colUsed: bit i, column i
+  std::vector<PlanTerm> terms;  // in argv order
+
+  std::string Encode() const {
+    std::string text = std::to_string(used);
+    for (const PlanTerm& t : terms) {
+      text += ';' + std::to_string(t.column) + ',' + std::to_string(t.op) + ',' +
+              (t.constant ? 'c' : 'v');
+    }
+    return text;
+  }
+
+  bool Decode(const char* text) {
+    if (text == nullptr) return false;
+    char* end = nullptr;
+    used = std::strtoull(text, &end, 10);
+    terms.clear();
+    while (*end == ';') {
+      PlanTerm t;
+      t.column = static_cast<uint16_t>(std::strtoul(end + 1, &end, 10));
+      if (*end != ',') return false;
+      t.op = static_cast<uint8_t>(std::strtoul(end + 1, &end, 10));
+      if (*end != ',' || (end[1] != 'c' && end[1] != 'v')) return false;
+      t.constant = end[1] == 'c';
+      end += 2;
+      terms.push_back(t);
+    }
+    return *end == '\0';
+  }
+};
+
+// ---- The table and its cursor ---------------------------------------------
+
+struct TableAux {
+  const TableInfo* table;
+  std::shared_ptr<ScanSession> session;
+};
+
+struct StoreTable : sqlite3_vtab {
+  const TableInfo* table = nullptr;
+  std::shared_ptr<ScanSession> session;
+  std::vector<const FieldDescriptor*> fields;  // by column
+
+  void SetError(const std::string& message) {
+    sqlite3_free(zErrMsg);
+    zErrMsg = sqlite3_mprintf("%s", message.c_str());
+  }
+};
+
+struct Cursor : sqlite3_vtab_cursor {
+  StoreTable& Table() const { return *static_cast<StoreTable*>(pVtab); }
+
+  RowReader reader;
+  std::string_view current;  // the row the cursor is on
+  bool parsed = false;       // `reader` holds `current`
+  bool eof = true;
+  sqlite3_int64 rowid = 0;
+
+  // Rows streamed from the store, a page at a time.
+  QueryRequest request;
+  QueryAnswer answer;
+  size_t next = 0;  // in answer.rows
+
+  // Or rows kept from an earlier scan: those picked, or else the row
+  // numbers [row, row_end).
+  std::shared_ptr<KeptScan> kept;
+  bool picked = false;
+  const uint32_t* pick = nullptr;
+  const uint32_t* pick_end = nullptr;
+  size_t row = 0;
+  size_t row_end = 0;
+
+  // What the last filter was, to see a scan repeated with other values.
+  std::string last_plan;
+  std::vector<SqlValue> last_values;
+};
+
+std::string Declaration(const TableInfo& table) {
+  std::string sql = "CREATE TABLE x(";
+  for (const ColumnInfo& column : table.Columns()) {
+    if (&column != table.columns) sql += ", ";
+    sql += '"' + std::string(column.name) + "\" ";
+    sql += DeclaredType(column.kind);
+    if (column.kind == ColumnKind::kAddress) sql += std::string(" COLLATE ") + kAddressCollation;
+  }
+  return sql + ")";
+}
+
+// The fields of the table's message, by column, checked against the kinds.
+bool FindFields(const TableInfo& table, std::vector<const FieldDescriptor*>& fields) {
+  RowReader reader;
+  if (!reader.Open(table.name)) return false;
+  const google::protobuf::Descriptor& descriptor = *reader.row().GetDescriptor();
+  for (const ColumnInfo& column : table.Columns()) {
+    const FieldDescriptor* field = descriptor.FindFieldByNumber(column.field);
+    if (field == nullptr) return false;
+    FieldDescriptor::CppType want = FieldDescriptor::CPPTYPE_STRING;
+    if (IsNumericKind(column.kind)) {
+      want = column.kind == ColumnKind::kUInt32 ? FieldDescriptor::CPPTYPE_UINT32
+                                                : FieldDescriptor::CPPTYPE_UINT64;
+    }
+    if (field->cpp_type() != want || field->is_repeated()) return false;
+    fields.push_back(field);
+  }
+  return true;
+}
+
+int Connect(sqlite3* db, void* aux, int, const char* const*, sqlite3_vtab** out, char** error) {
+  const auto& context = *static_cast<const TableAux*>(aux);
+  auto table = std::make_unique<StoreTable>();
+  *static_cast<sqlite3_vtab*>(table.get()) = {};
+  table->table = context.table;
+  table->session = context.session;
+  if (!FindFields(*context.table, table->fields)) {
+    *error = sqlite3_mprintf("the generated row class of %s does not match its columns",
+                             context.table->name);
+    return SQLITE_ERROR;
+  }
+  const int rc = sqlite3_declare_vtab(db, Declaration(*context.table).c_str());
+  if (rc != SQLITE_OK) return rc;
+  *out = table.release();
+  return SQLITE_OK;
+}
+
+int Disconnect(sqlite3_vtab* vtab) {
+  StoreTable* table = static_cast<StoreTable*>(vtab);
+  sqlite3_free(table->zErrMsg);
+  delete table;
+  return SQLITE_OK;
+}
+
+// ---- Planning ----------------------------------------------------------------
+
+// The cost of one scan under a plan; see kScanCost.
+void Estimate(const Plan& plan, sqlite3_index_info* info) {
+  double time = 1;
+  bool lower = false;
+  bool upper = false;
+  double rows = kRowsGuess;
+  bool looked_up = false;  // an equal term whose value changes: a kept scan's lookup
+  for (const PlanTerm& t : plan.terms) {
+    if (t.column == 0) {
+      if (t.op == kSqlEquals) time = std::min(time, 1e-4);
+      lower |= t.op == kSqlGreater || t.op == kSqlGreaterOrEqual;
+      upper |= t.op == kSqlLess || t.op == kSqlLessOrEqual;
+    } else if (t.op == kSqlEquals) {
+      rows /= 1000;
+      looked_up |= !t.constant;
+    } else {
+      rows /= t.op == kSqlLike ? 10 : 3;
+    }
+  }
+  if (lower && upper) time = std::min(time, 0.05);
+  if (lower != upper) time = std::min(time, 0.5);
+  rows *= time;
+  info->estimatedCost = looked_up ? 10 + rows : kScanCost * time;
+  info->estimatedRows = static_cast<sqlite3_int64>(std::max(rows, 1.0));
+}
+
+int BestIndex(sqlite3_vtab* vtab, sqlite3_index_info* info) {
+  const TableInfo& table = *static_cast<StoreTable*>(vtab)->table;
+  Plan plan;
+  plan.used = info->colUsed;
+  for (int i = 0; i < info->nConstraint; ++i) {
+    const auto& c = info->aConstraint[i];
+    if (!c.usable || c.iColumn < 0 || c.iColumn >= table.column_count) continue;
+    const ColumnKind kind = table.columns[c.iColumn].kind;
+    if (!IsPushable(kind, c.op)) continue;
+    // The store compares texts byte by byte, as SQLite's BINARY does; LIKE
+    // takes no collation.
+    const char* collation = sqlite3_vtab_collation(info, i);
+    if (!IsNumericKind(kind) && c.op != kSqlLike && collation != nullptr &&
+        sqlite3_stricmp(collation, "BINARY") != 0) {
+      continue;
+    }
+    sqlite3_value* value = nullptr;
+    const bool constant = sqlite3_vtab_rhs_value(info, i, &value) == SQLITE_OK;
+    plan.terms.push_back({static_cast<uint16_t>(c.iColumn), c.op, constant});
+    info->aConstraintUsage[i].argvIndex = static_cast<int>(plan.terms.size());
+    info->aConstraintUsage[i].omit = 0;  // SQLite checks every term again
+  }
+  Estimate(plan, info);
+  info->idxStr = sqlite3_mprintf("%s", plan.Encode().c_str());
+  info->needToFreeIdxStr = 1;
+  return info->idxStr != nullptr ? SQLITE_OK : SQLITE_NOMEM;
+}
+
+// The column list of the query: the columns the statement uses. None
+// (count(*)) asks for the smallest; all asks for every one.
+std::string ColumnsText(const TableInfo& table, uint64_t used) {
+  std::string text;
+  bool all = true;
+  for (uint16_t i = 0; i < table.column_count; ++i) {
+    const bool wanted = i >= 63 ? (used >> 63) != 0 : ((used >> i) & 1) != 0;
+    if (!wanted) {
+      all = false;
+      continue;
+    }
+    if (!text.empty()) text += ',';
+    text += table.columns[i].name;
+  }
+  if (all) return "";
+  return text.empty() ? std::string(table.columns[0].name) : text;
+}
+
+SqlValue ValueOf(sqlite3_value* value) {
+  switch (sqlite3_value_type(value)) {
+    case SQLITE_INTEGER: return SqlValue::Integer(sqlite3_value_int64(value));
+    case SQLITE_FLOAT: return SqlValue::Real(sqlite3_value_double(value));
+    case SQLITE_TEXT:
+      return SqlValue::Text(std::string(reinterpret_cast<const char*>(sqlite3_value_text(value)),
+                                        static_cast<size_t>(sqlite3_value_bytes(value))));
+    case SQLITE_BLOB: {
+      const void* bytes = sqlite3_value_blob(value);
+      return SqlValue::Blob(bytes == nullptr ? std::string()
+                                             : std::string(static_cast<const char*>(bytes),
+                                                           sqlite3_value_bytes(value)));
+    }
+    default: return SqlValue();
+  }
+}
+
+bool SameValue(const SqlValue& a, const SqlValue& b) {
+  return a.type == b.type && a.integer == b.integer &&
+         (a.real == b.real || (a.real != a.real && b.real != b.real)) && a.text == b.text;
+}
+
+// ---- Scanning ----------------------------------------------------------------
+
+int Open(sqlite3_vtab* vtab, sqlite3_vtab_cursor** out) {
+  auto cursor = std::make_unique<Cursor>();
+  if (!cursor->reader.Open(static_cast<StoreTable*>(vtab)->table->name)) return SQLITE_ERROR;
+  *out = cursor.release();
+  return SQLITE_OK;
+}
+
+int Close(sqlite3_vtab_cursor* cursor) {
+  delete static_cast<Cursor*>(cursor);
+  return SQLITE_OK;
+}
+
+// Asks for the cursor's request; SQLITE_ERROR, with the table's message
+// set, for an answer without rows.
+int FetchPage(Cursor& c) {
+  StoreTable& table = c.Table();
+  std::string error;
+  if (!table.session->client.Ask(c.request, c.answer, error)) {
+    table.SetError(error);
+    return SQLITE_ERROR;
+  }
+  if (!c.answer.HasRows()) {
+    table.SetError(table.table->name + std::string(": ") +
+                   table.session->client.Explain(c.answer.status));
+    return SQLITE_ERROR;
+  }
+  c.next = 0;
+  return SQLITE_OK;
+}
+
+// Every page of a scan, kept; null with the table's message set on a
+// failure, or null with `fits` false when the rows pass the budget.
+std::shared_ptr<KeptScan> KeepScan(StoreTable& table, QueryRequest request, bool& fits) {
+  ScanSession& session = *table.session;
+  auto scan = std::make_shared<KeptScan>();
+  uint64_t budget = ScanSession::kBudget - std::min(ScanSession::kBudget, session.stats.kept_bytes);
+  fits = true;
+  for (;;) {
+    QueryAnswer answer;
+    std::string error;
+    if (!session.client.Ask(request, answer, error)) {
+      table.SetError(error);
+      return nullptr;
+    }
+    if (!answer.HasRows()) {
+      table.SetError(table.table->name + std::string(": ") + session.client.Explain(answer.status));
+      return nullptr;
+    }
+    const bool more = answer.status == QueryAnswer::kPartial;
+    request.token = answer.next_token;
+    request.page = answer.next_page;
+    scan->Add(std::move(answer));
+    if (scan->Bytes() > budget) {
+      fits = false;
+      return nullptr;
+    }
+    if (!more) return scan;
+  }
+}
+
+int Next(sqlite3_vtab_cursor* base) {
+  Cursor& c = *static_cast<Cursor*>(base);
+  c.parsed = false;
+  ++c.rowid;
+  if (c.kept != nullptr) {
+    if (c.picked ? c.pick == c.pick_end : c.row >= c.row_end) {
+      c.eof = true;
+      return SQLITE_OK;
+    }
+    c.current = c.kept->Row(c.picked ? *c.pick++ : c.row++);
+    return SQLITE_OK;
+  }
+  while (c.next >= c.answer.rows.size()) {
+    if (c.answer.status != QueryAnswer::kPartial) {
+      c.eof = true;
+      return SQLITE_OK;
+    }
+    c.request.token = c.answer.next_token;
+    c.request.page = c.answer.next_page;
+    if (int rc = FetchPage(c); rc != SQLITE_OK) return rc;
+  }
+  c.current = c.answer.rows[c.next++];
+  return SQLITE_OK;
+}
+
+// Serves a scan from kept rows: those its varying equal terms look up, and
+// of them those in its varying date_time range, when they can be told.
+void ServeKept(Cursor& c, std::shared_ptr<KeptScan> scan, const Plan& plan,
+               const std::vector<SqlValue>& values, const std::vector<bool>& fixed) {
+  const TableInfo& table = *c.Table().table;
+  c.kept = std::move(scan);
+  c.picked = false;
+  c.row = 0;
+  c.row_end = c.kept->RowCount();
+  std::vector<uint16_t> columns;
+  std::string key;
+  std::vector<SqlConstraint> times;
+  for (size_t i = 0; i < plan.terms.size(); ++i) {
+    const PlanTerm& t = plan.terms[i];
+    if (fixed[i]) continue;
+    if (t.column == 0) times.push_back({t.column, t.op, values[i]});
+    if (t.op != kSqlEquals) continue;
+    std::string part;
+    bool never = false;
+    if (!ValueKey(values[i], table.columns[t.column].kind, part, never)) continue;
+    if (never) {
+      c.row_end = 0;
+      return;
+    }
+    columns.push_back(t.column);
+    AppendKeyPart(key, part);
+  }
+  if (!columns.empty()) {
+    const KeptScan::Picks& picks = c.kept->Lookup(columns, key, table, c.reader);
+    c.picked = true;
+    c.pick = picks.data();
+    c.pick_end = picks.data() + picks.size();
+  }
+  int64_t lower = 0;
+  int64_t upper = 0;
+  size_t first = 0;
+  size_t last = 0;
+  if (!DateTimeSpan(table, times, lower, upper) ||
+      !c.kept->TimeRows(lower, upper, table, c.reader, first, last)) {
+    return;
+  }
+  if (c.picked) {
+    c.pick = std::lower_bound(c.pick, c.pick_end, static_cast<uint32_t>(first));
+    c.pick_end = std::lower_bound(c.pick, c.pick_end, static_cast<uint32_t>(last));
+  } else {
+    c.row = first;
+    c.row_end = std::max(first, last);
+  }
+}
+
+int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
+           sqlite3_value** argv) {
+  Cursor& c = *static_cast<Cursor*>(cursor);
+  StoreTable& table = c.Table();
+  ScanSession& session = *table.session;
+  Plan plan;
+  if (!plan.Decode(plan_text) || static_cast<int>(plan.terms.size()) != argc) {
+    table.SetError("the scan's plan does not read back");
+    return SQLITE_ERROR;
+  }
+  std::vector<SqlValue> values;
+  for (int i = 0; i < argc; ++i) values.push_back(ValueOf(argv[i]));
+
+  // A term stays the same when SQLite knew its value beforehand, or, in a
+  // scan repeated under one plan, when it kept its value and is no equal
+  // term (equal terms are the ones lookups serve). An equal term whose value
+  // SQLite did not know is a join's: the scan is one of many to come.
+  const bool repeated = c.last_plan == plan_text && c.last_values.size() == values.size();
+  bool joined = false;
+  std::vector<bool> fixed(values.size());
+  std::vector<SqlConstraint> all;
+  std::vector<SqlConstraint> stable;
+  for (size_t i = 0; i < values.size(); ++i) {
+    const PlanTerm& t = plan.terms[i];
+    fixed[i] = t.constant ||
+               (repeated && t.op != kSqlEquals && SameValue(values[i], c.last_values[i]));
+    all.push_back({t.column, t.op, values[i]});
+    if (fixed[i]) stable.push_back(all.back());
+    joined |= t.op == kSqlEquals && !t.constant;
+  }
+  c.last_plan = plan_text;
+  c.last_values = values;
+
+  if (std::string error; !CheckTimeTerms(*table.table, all, error)) {
+    table.SetError(error);
+    return SQLITE_ERROR;
+  }
+  c.kept.reset();
+  c.answer = QueryAnswer();
+  c.next = 0;
+  c.rowid = 0;
+  c.eof = false;
+  const PushedConstraints pushed = PushConstraints(*table.table, all);
+  if (pushed.nothing) {
+    c.eof = true;
+    return SQLITE_OK;
+  }
+  const std::string columns = ColumnsText(*table.table, plan.used);
+  const PushedConstraints base = PushConstraints(*table.table, stable);
+  const std::string key = std::string(table.table->name) + '\n' + columns + '\n' + base.json;
+  if (auto found = session.kept.find(key); found != session.kept.end()) {
+    ++session.stats.reuses;
+    ServeKept(c, found->second, plan, values, fixed);
+    return Next(&c);
+  }
+  if ((repeated || joined) && session.too_big.count(key) == 0) {
+    QueryRequest request;
+    request.table = table.table->name;
+    request.columns = columns;
+    request.constraints = base.json;
+    bool fits = true;
+    if (std::shared_ptr<KeptScan> scan = KeepScan(table, request, fits)) {
+      ++session.stats.kept_scans;
+      session.stats.kept_bytes += scan->Bytes();
+      session.kept.emplace(key, scan);
+      ServeKept(c, std::move(scan), plan, values, fixed);
+      return Next(&c);
+    }
+    if (fits) return SQLITE_ERROR;
+    session.too_big.insert(key);  // streamed every time from now on
+  }
+  c.request = QueryRequest();
+  c.request.table = table.table->name;
+  c.request.columns = columns;
+  c.request.constraints = pushed.json;
+  if (int rc = FetchPage(c); rc != SQLITE_OK) return rc;
+  return Next(&c);
+}
+
+int Eof(sqlite3_vtab_cursor* base) { return static_cast<Cursor*>(base)->eof ? 1 : 0; }
+
+int Column(sqlite3_vtab_cursor* base, sqlite3_context* context, int i) {
+  Cursor& c = *static_cast<Cursor*>(base);
+  StoreTable& table = c.Table();
+  if (i < 0 || i >= table.table->column_count) return SQLITE_RANGE;
+  if (!c.parsed) {
+    if (!c.reader.Parse(c.current)) {
+      sqlite3_result_error(context, "a row of the store's answer does not parse", -1);
+      return SQLITE_ERROR;
+    }
+    c.parsed = true;
+  }
+  const google::protobuf::Message& row = c.reader.row();
+  const google::protobuf::Reflection& r = *row.GetReflection();
+  const FieldDescriptor* field = table.fields[static_cast<size_t>(i)];
+  switch (table.table->columns[i].kind) {
+    case ColumnKind::kUInt32:
+      sqlite3_result_int64(context, r.GetUInt32(row, field));
+      break;
+    case ColumnKind::kDateTime:
+    case ColumnKind::kUInt64:
+      // SQLite's integers are signed 64-bit: a number past 2^63 is held as
+      // the negative number of the same bits, so that ids stay exact and
+      // equal ids join (results show them unsigned again: DeclaredType).
+      sqlite3_result_int64(context, static_cast<sqlite3_int64>(r.GetUInt64(row, field)));
+      break;
+    default: {
+      std::string scratch;
+      const std::string& text = r.GetStringReference(row, field, &scratch);
+      sqlite3_result_text(context, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+      break;
+    }
+  }
+  return SQLITE_OK;
+}
+
+int Rowid(sqlite3_vtab_cursor* base, sqlite3_int64* rowid) {
+  *rowid = static_cast<Cursor*>(base)->rowid;
+  return SQLITE_OK;
+}
+
+// No xCreate: each table is eponymous only, there under its own name in
+// every database without a CREATE VIRTUAL TABLE.
+sqlite3_module MakeModule() {
+  sqlite3_module m = {};
+  m.iVersion = 1;
+  m.xCreate = nullptr;
+  m.xConnect = Connect;
+  m.xBestIndex = BestIndex;
+  m.xDisconnect = Disconnect;
+  m.xDestroy = Disconnect;
+  m.xOpen = Open;
+  m.xClose = Close;
+  m.xFilter = Filter;
+  m.xNext = Next;
+  m.xEof = Eof;
+  m.xColumn = Column;
+  m.xRowid = Rowid;
+  return m;
+}
+
+const sqlite3_module kModule = MakeModule();
+
+}  // namespace
+
+const char* DeclaredType(ColumnKind kind) {
+  if (kind == ColumnKind::kUInt64) return kUnsignedType;
+  return IsNumericKind(kind) ? "INTEGER" : "TEXT";
+}
+
+StoreTables::StoreTables(QueryClient& client) : session_(std::make_shared<ScanSession>(client)) {}
+
+StoreTables::~StoreTables() = default;
+
+bool StoreTables::Register(sqlite3* db, std::string& error) {
+  for (const TableInfo& table : Storage::OSQuery::AllTables()) {
+    auto* aux = new TableAux{&table, session_};
+    const int rc = sqlite3_create_module_v2(db, table.name, &kModule, aux,
+                                            [](void* p) { delete static_cast<TableAux*>(p); });
+    if (rc != SQLITE_OK) {
+      error = std::string("SQLite refused the table ") + table.name + ": " + sqlite3_errstr(rc);
+      return false;
+    }
+  }
+  return true;
+}
+
+ScanCacheStats StoreTables::cache_stats() const { return session_->stats; }
+
+}  // namespace Tarn::Tool
