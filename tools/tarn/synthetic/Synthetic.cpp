@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <string>
-#include <unordered_map>
 
+#include "generated/SyntheticPlan.h"
 #include "tarn/synthetic/SyntheticColumns.h"
 
 namespace Tarn::Tool {
@@ -37,60 +37,6 @@ double HourWeight(uint64_t seed, int64_t hour) {
   return weekday == 0 || weekday == 6 ? weight * kWeekend : weight;
 }
 
-// How common each kind of event is, relative to one another. Tables not
-// named here are rare: 0.12.
-const std::unordered_map<std::string_view, double>& TableWeights() {
-  static const std::unordered_map<std::string_view, double> weights = {
-      {"edr_process_create", 6},
-      {"edr_process_terminate", 5.5},
-      {"edr_process_load_module", 9},
-      {"edr_file_read", 9},
-      {"edr_file_write", 7},
-      {"edr_file_create", 5},
-      {"edr_file_delete", 3},
-      {"edr_file_move", 1.2},
-      {"edr_file_copy", 0.6},
-      {"edr_file_attributes_change", 0.8},
-      {"edr_file_permission_change", 0.4},
-      {"edr_file_ownership_change", 0.2},
-      {"edr_directory_create", 1},
-      {"edr_directory_delete", 0.5},
-      {"edr_network_generic_connect", 6},
-      {"edr_network_disconnect", 5},
-      {"edr_network_ssl_connect", 3},
-      {"edr_network_http_connect", 2.5},
-      {"edr_network_http_connect_request", 1.5},
-      {"edr_network_http_connect_response", 1.5},
-      {"edr_registry_value_query", 5},
-      {"edr_registry_value_write", 2},
-      {"edr_registry_key_create", 0.6},
-      {"edr_registry_value_delete", 0.3},
-      {"edr_registry_key_delete", 0.2},
-      {"edr_process_api_call", 1},
-      {"edr_shell_command", 1},
-      {"edr_local_generic_connect", 1},
-      {"edr_network_smb_connect", 0.6},
-      {"edr_network_kerberos_connect", 0.4},
-      {"edr_network_ldap_connect", 0.4},
-      {"edr_amsi_buffer", 0.4},
-      {"edr_log_info", 0.4},
-      {"edr_user_login", 0.3},
-      {"edr_user_logout", 0.2},
-      {"edr_process_read_memory", 0.3},
-      {"edr_process_signal", 0.3},
-  };
-  return weights;
-}
-constexpr double kRareTable = 0.12;
-
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-
-bool Contains(std::string_view text, std::string_view part) {
-  return text.find(part) != std::string_view::npos;
-}
-
 std::string Parent(const std::string& path) {
   size_t slash = path.find_last_of("\\/");
   return slash == std::string::npos || slash == 0 ? path : path.substr(0, slash);
@@ -115,9 +61,10 @@ SyntheticEvents::SyntheticEvents(const SyntheticOptions& options)
       world_(std::make_unique<World>(options.seed, options.start_ms)),
       filler_(std::make_unique<ColumnFiller>(*world_)) {
   std::vector<double> weights;
-  for (const TableInfo& table : Storage::OSQuery::AllTables()) {
-    auto it = TableWeights().find(table.name);
-    weights.push_back(it != TableWeights().end() ? it->second : kRareTable);
+  for (const Plan::Table& plan : Plan::Tables()) {
+    if (plan.story == Plan::Story::kSpawn) spawn_table_ = weights.size();
+    if (plan.story == Plan::Story::kTerminate) terminate_table_ = weights.size();
+    weights.push_back(plan.weight);
   }
   table_choice_ = WeightedChoice(weights);
   first_hour_ = options_.start_ms / kHourMs;
@@ -172,15 +119,15 @@ bool SyntheticEvents::NextTime(int64_t& time_ms) {
 
 const TableInfo& SyntheticEvents::ChooseTable() {
   auto tables = Storage::OSQuery::AllTables();
-  const TableInfo* table = &tables[table_choice_.Pick(world_->random())];
+  size_t index = table_choice_.Pick(world_->random());
   // Keep the process count where an endpoint has it.
-  std::string_view name = table->name;
-  if ((world_->NeedsSpawn() || !world_->CanTerminate()) && name == "edr_process_terminate") {
-    name = "edr_process_create";
-  } else if (world_->NeedsTerminate() && name == "edr_process_create") {
-    name = "edr_process_terminate";
+  const Plan::Story story = Plan::Tables()[index].story;
+  if ((world_->NeedsSpawn() || !world_->CanTerminate()) && story == Plan::Story::kTerminate) {
+    index = spawn_table_;
+  } else if (world_->NeedsTerminate() && story == Plan::Story::kSpawn) {
+    index = terminate_table_;
   }
-  return *Storage::OSQuery::FindTable(Storage::OSQuery::TableIdByName(name));
+  return tables[index];
 }
 
 const google::protobuf::Message* SyntheticEvents::Next() {
@@ -202,12 +149,15 @@ const google::protobuf::Message* SyntheticEvents::Make(const TableInfo& table, i
   context.time_ms = time_ms;
   context.every_column = every_column;
   context.list_items = every_column ? 2 : 1 + static_cast<uint32_t>(world_->random().Below(2));
-  Prepare(table.name, context);
-  filler_->Fill(table, *row, context);
+  // The plans are written from the same schema as the tables, in its order.
+  const Plan::Table& plan =
+      Plan::Tables()[static_cast<size_t>(&table - Storage::OSQuery::AllTables().data())];
+  Prepare(plan, context);
+  filler_->Fill(plan, *row, context);
   return row;
 }
 
-void SyntheticEvents::Prepare(std::string_view t, EventContext& c) {
+void SyntheticEvents::Prepare(const Plan::Table& plan, EventContext& c) {
   World& w = *world_;
   Random& r = w.random();
   auto act = [&](const Process& p) {
@@ -222,148 +172,120 @@ void SyntheticEvents::Prepare(std::string_view t, EventContext& c) {
     const Process* p = w.Find(name);
     return p != nullptr ? *p : w.Actor(fallback, linux);
   };
+  auto has = [&](Plan::Option o) { return (plan.options & o) != 0; };
 
-  if (t == "edr_process_create") {
-    act(w.Spawn(c.time_ms));
-    return;
-  }
-  if (t == "edr_process_terminate") {
-    if (!w.Terminate(actor_)) act(w.Actor(Activity::kAny));  // ChooseTable rules this out
-    c.actor = &actor_;
-    // Most processes end on their own; some are ended by another.
-    if (r.Chance(0.8)) {
-      other(actor_);
-    } else {
-      other(w.Actor(Activity::kSpawn, actor_.IsLinux() ? 1 : 0));
-    }
-    return;
-  }
-  if (StartsWith(t, "edr_file_remote_")) {
-    act(named("System", Activity::kFile, 0));
-    c.peer = w.PeerFor("SMB", actor_);
-    c.inbound = true;
-    c.local_port = w.EphemeralPort(false);
-    c.connection_id = w.NewConnectionId();
-    c.file = "C:\\Shares\\Projects\\" + std::string(r.Pick(Catalog::DocumentNames())) + ".docx";
-    c.file2 = Renamed(c.file, "Archive\\");
-    c.user = &w.AnyUser(false);
-    return;
-  }
-  if (StartsWith(t, "edr_file_") || StartsWith(t, "edr_directory_create") ||
-      StartsWith(t, "edr_directory_delete") || t == "edr_packed_file" ||
-      t == "edr_external_notification_on_file" || t == "edr_tamper_attempt_on_file") {
-    act(w.Actor(Activity::kFile));
-    c.file = w.FilePath(actor_);
-    if ((t == "edr_file_create" || t == "edr_file_write") && Downloads(actor_) && r.Chance(0.03)) {
-      c.file = w.DropPath(actor_);
-    }
-    if (StartsWith(t, "edr_directory_")) c.file = Parent(c.file);
-    if (t == "edr_tamper_attempt_on_file") {
-      c.file = "C:\\ProgramData\\Microsoft\\Windows Defender\\Platform\\MpClient.dll";
-    }
-    c.file2 = t == "edr_file_copy" ? c.file + ".bak" : Renamed(c.file, "old_");
-    other(w.Other(actor_));
-    return;
-  }
-  if (StartsWith(t, "edr_network_") || t == "edr_external_notification_on_network_connection" ||
-      t == "edr_external_notification_on_uri" || StartsWith(t, "edr_email_") ||
-      StartsWith(t, "edr_firewall_block") || t == "edr_local_generic_connect") {
-    PrepareNetwork(t, c);
-    return;
-  }
-  if (StartsWith(t, "edr_registry_") || t == "edr_driver_load_module_from_registry" ||
-      t == "edr_external_notification_on_registry") {
-    act(w.Actor(Activity::kRegistry, 0));
-    c.key = std::string(r.Pick(Catalog::RegistryKeys()));
-    if (w.IsDropper(actor_)) c.key = "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-    return;
-  }
-  if (t == "edr_process_load_module") {
-    act(w.Actor(Activity::kAny));
-    c.file = actor_.IsLinux()
-                 ? std::string(r.Pick(Catalog::LinuxLibraries()))
-                 : "C:\\Windows\\System32\\" + std::string(r.Pick(Catalog::SystemDlls()));
-    return;
-  }
-  if (t == "edr_driver_load_module") {
-    act(named("System", Activity::kAny, 0));
-    c.file = "C:\\Windows\\System32\\drivers\\" + std::string(r.Pick(Catalog::Words())) + ".sys";
-    return;
-  }
-  if (StartsWith(t, "edr_service_")) {
-    act(named("services.exe", Activity::kAny, 0));
-    c.name = std::string(r.Pick(Catalog::ServiceNames()));
-    c.file2 = "C:\\Windows\\System32\\svchost.exe -k " + c.name;
-    return;
-  }
-  if (StartsWith(t, "edr_scheduled_task_")) {
-    act(named("svchost.exe", Activity::kAny, 0));
-    c.name = std::string(r.Pick(Catalog::TaskNames()));
-    c.file2 = "C:\\Program Files\\Example\\" + std::string(r.Pick(Catalog::Words())) + ".exe";
-    return;
-  }
-  if (StartsWith(t, "edr_user_") || t == "edr_group_membership_info" ||
-      StartsWith(t, "edr_directory_service_") || StartsWith(t, "edr_computer_object_") ||
-      StartsWith(t, "edr_ad_")) {
-    act(named("lsass.exe", Activity::kAny, 0));
-    c.user = r.Chance(0.6) ? &w.InteractiveUser() : &w.AnyUser(false);
-    c.other_user = &w.AnyUser(false);
-    c.peer = r.Chance(0.8) ? w.PeerFor("LDAP", actor_) : w.RarePeer();
-    return;
-  }
-  if (t == "edr_docker_container") {
-    act(named("dockerd", Activity::kAny, 1));
-    other(named("bash", Activity::kSpawn, 1));
-    c.name = w.ContainerId(r.Below(3));
-    return;
-  }
-  if (t == "edr_shell_command" || t == "edr_log_info") {
-    act(t == "edr_log_info" ? named("sshd", Activity::kAny, 1) : w.Actor(Activity::kSpawn, 1));
-    c.peer = w.PeerFor("SSH", actor_);
-    return;
-  }
-  if (t == "edr_amsi_buffer") {
-    act(named("powershell.exe", Activity::kAny, 0));
-    c.peer = w.RarePeer();
-    return;
-  }
-  if (StartsWith(t, "edr_create_samba") || StartsWith(t, "edr_delete_samba") ||
-      StartsWith(t, "edr_change_samba")) {
-    act(named("sshd", Activity::kAny, 1));
-    c.name = "projects";
-    c.file = "/srv/samba/projects";
-    return;
-  }
-  if (t == "edr_hardware_mount" || t == "edr_hardware_unmount") {
-    act(named("System", Activity::kAny, 0));
-    c.name = "SanDisk Ultra USB 3.0";
-    return;
-  }
-  if (t == "edr_process_api_call") {
-    act(w.Actor(Activity::kAny, 0));
-    c.name = std::string(r.Pick(Catalog::ApiNames()));
-    other(w.Other(actor_));
-    return;
-  }
-  // Everything else is something a process did, perhaps to another.
-  act(w.Actor(Activity::kAny));
-  other(w.Other(actor_));
-  c.other_user = &w.AnyUser(false);
-  c.peer = w.PeerFor("SMB", actor_);
-  if (t == "edr_firewall_rule_added" || t == "edr_firewall_rule_modified" ||
-      t == "edr_firewall_rule_deleted") {
-    c.name = "Allow " + actor_.name;
+  switch (plan.story) {
+    case Plan::Story::kSpawn: act(w.Spawn(c.time_ms)); return;
+    case Plan::Story::kTerminate:
+      if (!w.Terminate(actor_)) act(w.Actor(Activity::kAny));  // ChooseTable rules this out
+      c.actor = &actor_;
+      // Most processes end on their own; some are ended by another.
+      if (r.Chance(0.8)) {
+        other(actor_);
+      } else {
+        other(w.Actor(Activity::kSpawn, actor_.IsLinux() ? 1 : 0));
+      }
+      return;
+    case Plan::Story::kRemoteFile:
+      act(named("System", Activity::kFile, 0));
+      c.peer = w.PeerFor("SMB", actor_);
+      c.inbound = true;
+      c.local_port = w.EphemeralPort(false);
+      c.connection_id = w.NewConnectionId();
+      c.file = "C:\\Shares\\Projects\\" + std::string(r.Pick(Catalog::DocumentNames())) + ".docx";
+      c.file2 = Renamed(c.file, "Archive\\");
+      c.user = &w.AnyUser(false);
+      return;
+    case Plan::Story::kFile:
+      act(w.Actor(Activity::kFile));
+      c.file = w.FilePath(actor_);
+      if (has(Plan::kMayDrop) && Downloads(actor_) && r.Chance(0.03)) c.file = w.DropPath(actor_);
+      if (has(Plan::kDirectory)) c.file = Parent(c.file);
+      if (!plan.fixed_file.empty()) c.file = std::string(plan.fixed_file);
+      c.file2 = has(Plan::kCopy) ? c.file + ".bak" : Renamed(c.file, "old_");
+      other(w.Other(actor_));
+      return;
+    case Plan::Story::kNetwork:
+    case Plan::Story::kDisconnect: PrepareNetwork(plan, c); return;
+    case Plan::Story::kRegistry:
+      act(w.Actor(Activity::kRegistry, 0));
+      c.key = std::string(r.Pick(Catalog::RegistryKeys()));
+      if (w.IsDropper(actor_)) c.key = "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+      return;
+    case Plan::Story::kModuleLoad:
+      act(w.Actor(Activity::kAny));
+      c.file = actor_.IsLinux()
+                   ? std::string(r.Pick(Catalog::LinuxLibraries()))
+                   : "C:\\Windows\\System32\\" + std::string(r.Pick(Catalog::SystemDlls()));
+      return;
+    case Plan::Story::kDriverLoad:
+      act(named("System", Activity::kAny, 0));
+      c.file = "C:\\Windows\\System32\\drivers\\" + std::string(r.Pick(Catalog::Words())) + ".sys";
+      return;
+    case Plan::Story::kService:
+      act(named("services.exe", Activity::kAny, 0));
+      c.name = std::string(r.Pick(Catalog::ServiceNames()));
+      c.file2 = "C:\\Windows\\System32\\svchost.exe -k " + c.name;
+      return;
+    case Plan::Story::kTask:
+      act(named("svchost.exe", Activity::kAny, 0));
+      c.name = std::string(r.Pick(Catalog::TaskNames()));
+      c.file2 = "C:\\Program Files\\Example\\" + std::string(r.Pick(Catalog::Words())) + ".exe";
+      return;
+    case Plan::Story::kAccount:
+      act(named("lsass.exe", Activity::kAny, 0));
+      c.user = r.Chance(0.6) ? &w.InteractiveUser() : &w.AnyUser(false);
+      c.other_user = &w.AnyUser(false);
+      c.peer = r.Chance(0.8) ? w.PeerFor("LDAP", actor_) : w.RarePeer();
+      return;
+    case Plan::Story::kDocker:
+      act(named("dockerd", Activity::kAny, 1));
+      other(named("bash", Activity::kSpawn, 1));
+      c.name = w.ContainerId(r.Below(3));
+      return;
+    case Plan::Story::kShell:
+    case Plan::Story::kLog:
+      act(plan.story == Plan::Story::kLog ? named("sshd", Activity::kAny, 1)
+                                          : w.Actor(Activity::kSpawn, 1));
+      c.peer = w.PeerFor("SSH", actor_);
+      return;
+    case Plan::Story::kAmsi:
+      act(named("powershell.exe", Activity::kAny, 0));
+      c.peer = w.RarePeer();
+      return;
+    case Plan::Story::kSamba:
+      act(named("sshd", Activity::kAny, 1));
+      c.name = "projects";
+      c.file = "/srv/samba/projects";
+      return;
+    case Plan::Story::kHardware:
+      act(named("System", Activity::kAny, 0));
+      c.name = "SanDisk Ultra USB 3.0";
+      return;
+    case Plan::Story::kApiCall:
+      act(w.Actor(Activity::kAny, 0));
+      c.name = std::string(r.Pick(Catalog::ApiNames()));
+      other(w.Other(actor_));
+      return;
+    case Plan::Story::kOther:
+      act(w.Actor(Activity::kAny));
+      other(w.Other(actor_));
+      c.other_user = &w.AnyUser(false);
+      c.peer = w.PeerFor("SMB", actor_);
+      if (has(Plan::kNamesRule)) c.name = "Allow " + actor_.name;
+      return;
   }
 }
 
-void SyntheticEvents::PrepareNetwork(std::string_view t, EventContext& c) {
+void SyntheticEvents::PrepareNetwork(const Plan::Table& plan, EventContext& c) {
   World& w = *world_;
   Random& r = w.random();
   auto act = [&](const Process& p) {
     actor_ = p;
     c.actor = &actor_;
   };
-  if (t == "edr_network_disconnect") {
+  auto has = [&](Plan::Option o) { return (plan.options & o) != 0; };
+  if (plan.story == Plan::Story::kDisconnect) {
     Connection open;
     if (w.CloseConnection(open)) {
       const Process* owner = w.FindByPuid(open.puid);  // live: connections end with their process
@@ -374,35 +296,29 @@ void SyntheticEvents::PrepareNetwork(std::string_view t, EventContext& c) {
       return;
     }
   }
-  // Protocol tables talk to the server of their protocol.
-  std::string_view protocol;
-  if (Contains(t, "kerberos")) protocol = "Kerberos";
-  if (Contains(t, "ldap")) protocol = "LDAP";
-  if (Contains(t, "smb") || Contains(t, "rpc")) protocol = "SMB";
-  if (Contains(t, "ssh")) protocol = "SSH";
-  if (Contains(t, "printer")) protocol = "RAW";
-  if (StartsWith(t, "edr_email_")) protocol = "IMAPS";
+  // Protocol tables talk to the server of their protocol, from the program
+  // that speaks it.
+  const std::string_view protocol = plan.protocol;
   if (protocol == "Kerberos" || protocol == "LDAP") {
     const Process* lsass = w.Find("lsass.exe");
     act(lsass != nullptr && r.Chance(0.7) ? *lsass : w.Actor(Activity::kNetwork, 0));
   } else if (protocol == "SSH") {
     act(w.Actor(Activity::kNetwork, 1));
-  } else if (StartsWith(t, "edr_email_")) {
+  } else if (protocol == "IMAPS") {
     const Process* outlook = w.Find("OUTLOOK.EXE");
     act(outlook != nullptr ? *outlook : w.Actor(Activity::kNetwork, 0));
   } else {
     act(w.Actor(Activity::kNetwork));
   }
-  if (Contains(t, "tor_connect")) {
+  if (has(Plan::kRarePeer)) {
     c.peer = w.RarePeer();
   } else {
     c.peer = protocol.empty() ? w.PickPeer(actor_) : w.PeerFor(protocol, actor_);
   }
   c.local_port = w.EphemeralPort(actor_.IsLinux());
   c.connection_id = w.NewConnectionId();
-  c.inbound =
-      (Contains(t, "rdp") || Contains(t, "vnc") || Contains(t, "firewall_block")) && r.Chance(0.5);
-  if (Contains(t, "connect") && !Contains(t, "http_connect_response")) {
+  c.inbound = has(Plan::kMayBeInbound) && r.Chance(0.5);
+  if (has(Plan::kOpensConnection)) {
     w.OpenConnection({c.connection_id, actor_.puid, c.peer, c.local_port});
   }
   c.file = w.FilePath(actor_);

@@ -16,6 +16,9 @@ namespace Tarn::Tool {
 
 class ColumnFiller;
 struct EventContext;
+namespace Plan {
+struct Table;
+}
 
 struct SyntheticOptions {
   uint64_t events = 100'000;
@@ -58,14 +61,17 @@ class SyntheticEvents {
   const Storage::OSQuery::TableInfo& ChooseTable();
   const google::protobuf::Message* Make(const Storage::OSQuery::TableInfo& table, int64_t time_ms,
                                         bool every_column);
-  void Prepare(std::string_view table, EventContext& context);
-  void PrepareNetwork(std::string_view table, EventContext& context);
+  // What the event is about, by the story of its table.
+  void Prepare(const Plan::Table& plan, EventContext& context);
+  void PrepareNetwork(const Plan::Table& plan, EventContext& context);
 
   SyntheticOptions options_;
   std::unique_ptr<World> world_;
   std::unique_ptr<ColumnFiller> filler_;
   RowJson rows_;
   WeightedChoice table_choice_;
+  size_t spawn_table_ = 0;  // the tables whose events start and end processes
+  size_t terminate_table_ = 0;
   std::vector<double> cumulative_hour_weight_;
   int64_t first_hour_ = 0;  // hour numbers since 1970
   int64_t hour_ = 0;

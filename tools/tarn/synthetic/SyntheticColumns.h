@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "osquery/Tables.h"
+#include "generated/SyntheticPlan.h"
 #include "tarn/synthetic/SyntheticWorld.h"
 
 namespace google::protobuf {
@@ -36,28 +36,21 @@ struct EventContext {
   bool every_column = false;      // leave no column empty (samples)
 };
 
-// How each column of each table gets its value: a rule per column, chosen
-// once from the column's name, its table and its kind.
+// How each column of each table gets its value: the table's plan names a
+// rule per column (tables.toml), and the rule reads the value off the
+// event's context.
 class ColumnFiller {
  public:
   explicit ColumnFiller(World& world);
-  ~ColumnFiller();
 
-  // Sets every column of `row` (a message of `table`) from the context.
-  void Fill(const Storage::OSQuery::TableInfo& table, google::protobuf::Message& row,
-            EventContext& context);
+  // Sets every column of `row` (a message of the plan's table) from the context.
+  void Fill(const Plan::Table& plan, google::protobuf::Message& row, EventContext& context);
 
  private:
-  struct Slot;
-  struct TableRules;
-
-  const TableRules& RulesOf(const Storage::OSQuery::TableInfo& table,
-                            const google::protobuf::Message& row);
-  uint64_t Number(uint16_t rule, bool wide, EventContext& context);
-  std::string Text(uint16_t rule, EventContext& context);
+  uint64_t Number(Plan::NumberRule rule, bool wide, EventContext& context);
+  std::string Text(Plan::TextRule rule, EventContext& context);
 
   World& world_;
-  std::vector<TableRules*> tables_;  // by table index
 };
 
 }  // namespace Tarn::Tool
