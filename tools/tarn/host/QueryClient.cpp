@@ -138,7 +138,10 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
   Events::ExternalData data(&message);
   Events::Objects::Base event = builder.Event();
   HostLog::Clear();
-  last_had_token_ = request.token != QueryRequest::kNoToken;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    last_had_token_ = request.token != QueryRequest::kNoToken;
+  }
   answer = QueryAnswer();
   answer.handled = host_.module()->HandleEvent(&event, &data);
   std::optional<std::string_view> events = message.GetField("events");
@@ -159,11 +162,17 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
     answer.next_page = decoded.page;
     answer.next_token = decoded.position;
   }
+  std::lock_guard<std::mutex> lock(mutex_);
   stats_.queries += request.token == QueryRequest::kNoToken;
   ++stats_.answers;
   stats_.answer_bytes += answer.events.size();
   if (answer.HasRows()) stats_.rows += answer.row_count;
   return true;
+}
+
+QueryStats QueryClient::stats() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return stats_;
 }
 
 std::string QueryClient::Explain(uint32_t status) const {
@@ -195,6 +204,7 @@ std::string QueryClient::Explain(uint32_t status) const {
                "that parse for their affinity";
       }
       if (SawQueryRecord(kScanNoBlockVersion, kScanNoEvent)) {
+        std::lock_guard<std::mutex> lock(mutex_);
         return last_had_token_
                    ? "the store could not read the event the token names (status 5): send the "
                      "token of an answer to this same query, or run `tarn verify` if it was"

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -64,7 +65,7 @@ struct QueryStats {
 };
 
 // Asks the loaded module table queries as a requester on the message bus
-// does: a type-221 record through HandleEvent, with the requester's
+// does, from any thread: a type-221 record through HandleEvent, with the requester's
 // hx::MessageBus::Msg carried by ExternalData; the answer comes back in its
 // fields "events" and "token".
 class QueryClient {
@@ -87,13 +88,16 @@ class QueryClient {
   // words for the person who asked.
   std::string Explain(uint32_t status) const;
 
-  const QueryStats& stats() const { return stats_; }
+  QueryStats stats() const;
 
  private:
   ModuleHost& host_;
   uint32_t size_limit_ = 0;
   uint32_t row_limit_ = 0;
   uint32_t aux_limit_ = 0;
+  // Ask runs on several threads at once (the module answers queries
+  // concurrently); this mutex guards what they share, and nothing else.
+  mutable std::mutex mutex_;
   bool last_had_token_ = false;
   QueryStats stats_;
 };

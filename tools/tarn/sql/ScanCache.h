@@ -12,8 +12,10 @@
 
 #include "osquery/Tables.h"
 #include "tarn/host/QueryClient.h"
+#include "tarn/sql/SlicedScans.h"
 #include "tarn/sql/SqlTables.h"
 #include "tarn/sql/SqlValue.h"
+#include "tarn/sql/TimeSlices.h"
 
 namespace google::protobuf {
 class FieldDescriptor;
@@ -85,6 +87,13 @@ struct ScanSession {
   std::unordered_map<std::string, std::shared_ptr<KeptScan>> kept;
   std::unordered_set<std::string> too_big;  // scans that would not fit the budget
   ScanCacheStats stats;
+
+  // Threads that run a statement's scans; where the store's time can be cut.
+  unsigned threads = 1;
+  TimeSlices slices;
+  // The scans of the statement being prepared, then of the one running.
+  std::vector<PlannedScan> planned;
+  std::shared_ptr<SlicedScans> sliced;
 };
 
 }  // namespace Tarn::Tool

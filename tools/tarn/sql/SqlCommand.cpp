@@ -28,6 +28,7 @@ struct SqlOptions {
   std::string format = "table";
   uint32_t max_width = 60;  // characters of a table cell; 0: no limit
   bool stats = false;       // what the statements cost, on standard error
+  unsigned threads = 0;     // that run a statement's scans; 0: one per core
   // Each runs in turn, one statement or several separated by ";". "-"
   // reads standard input; none reads it too, or opens the interactive shell
   // when standard input is a terminal.
@@ -81,7 +82,7 @@ int RunSql(const SqlOptions& options) {
   const int64_t started = RealNowMs();
   SqlSession session;
   std::string error;
-  if (!session.Open(options.host, options.limits, error)) {
+  if (!session.Open(options.host, options.limits, options.threads, error)) {
     PrintError(error);
     return 1;
   }
@@ -132,6 +133,9 @@ class SqlCommand : public Command {
     command->add_flag("--stats", options_.stats,
                       "print on standard error what the statements asked of the store: queries, "
                       "pages, rows, bytes read from its files, time");
+    command->add_option("--threads", options_.threads,
+                        "threads that run a statement's scans over slices of the store's time "
+                        "(one per core; 1: each scan in turn, as SQLite reaches it)");
     AddQueryLimits(command, limits_, "unset: the widest the store accepts");
     return command;
   }

@@ -2,7 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <fstream>
+#include <thread>
 #include <vector>
 
 #include "tarn/sql/ResultPrinter.h"
@@ -75,6 +77,8 @@ bool RunStatement(sqlite3* db, sqlite3_stmt* statement, ResultPrinter& printer,
 
 }  // namespace
 
+unsigned DefaultScanThreads() { return std::max(1u, std::thread::hardware_concurrency()); }
+
 uint64_t ProcessBytesRead() {
   std::ifstream io("/proc/self/io");
   std::string name;
@@ -90,7 +94,8 @@ SqlSession::~SqlSession() {
   Close(ignored);
 }
 
-bool SqlSession::Open(const HostOptions& host, const QueryLimits& limits, std::string& error) {
+bool SqlSession::Open(const HostOptions& host, const QueryLimits& limits, unsigned threads,
+                      std::string& error) {
   HostOptions options = host;
   options.limits.widest_by_default = true;  // opening to read evicts nothing
   if (!host_.Open(options, error)) return false;
@@ -102,6 +107,8 @@ bool SqlSession::Open(const HostOptions& host, const QueryLimits& limits, std::s
     return false;
   }
   tables_ = std::make_unique<StoreTables>(*client_);
+  // The store is open: its index file holds every block it will read.
+  tables_->UseThreads(options.store, threads != 0 ? threads : DefaultScanThreads());
   if (!tables_->Register(db_, error) || !RegisterTimeFunctions(db_, error) ||
       !RegisterAddressCollation(db_, error)) {
     return false;
@@ -120,14 +127,17 @@ bool SqlSession::Run(std::string_view sql, ResultPrinter& printer, std::string& 
   while (*rest != '\0') {
     sqlite3_stmt* statement = nullptr;
     const char* tail = nullptr;
+    tables_->ForgetPlans();
     if (sqlite3_prepare_v2(db_, rest, -1, &statement, &tail) != SQLITE_OK) {
       error = sqlite3_errmsg(db_);
       return false;
     }
     rest = tail;
     if (statement == nullptr) continue;  // only blanks or a comment
+    tables_->BeginStatement();
     const bool ok = RunStatement(db_, statement, printer, error);
     sqlite3_finalize(statement);
+    tables_->EndStatement();
     if (!ok) return false;
   }
   return true;

@@ -35,8 +35,10 @@ class SqlSession {
   SqlSession& operator=(const SqlSession&) = delete;
 
   // Opens the store (with the widest limits unless `host` sets some) and
-  // gives it `limits` for its answers. False with `error` in words.
-  bool Open(const HostOptions& host, const QueryLimits& limits, std::string& error);
+  // gives it `limits` for its answers. Scans run on `threads` threads (0:
+  // DefaultScanThreads). False with `error` in words.
+  bool Open(const HostOptions& host, const QueryLimits& limits, unsigned threads,
+            std::string& error);
 
   // Runs the statements of `sql` one after another, each one's rows to
   // `printer`. False with `error` at the first that fails. Integer literals
@@ -63,6 +65,9 @@ class SqlSession {
   sqlite3* db_ = nullptr;
   uint64_t read_at_open_ = 0;
 };
+
+// One thread per core.
+unsigned DefaultScanThreads();
 
 // Bytes this process has read through read(2) and pread(2) so far (rchar of
 // /proc/self/io), 0 when unknown.

@@ -11,8 +11,10 @@
 #include "osquery/Tables.h"
 #include "tarn/host/QueryClient.h"
 #include "tarn/sql/ScanCache.h"
+#include "tarn/sql/ScanPlan.h"
 #include "tarn/sql/SqlAddresses.h"
 #include "tarn/sql/SqlConstraints.h"
+#include "tarn/sql/SlicedScans.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -21,53 +23,6 @@ using google::protobuf::FieldDescriptor;
 using Storage::OSQuery::ColumnInfo;
 using Storage::OSQuery::ColumnKind;
 using Storage::OSQuery::TableInfo;
-
-// Guesses for the planner: the store scans a table's whole time range
-// whatever else the terms say, so only date_time makes a scan cheaper; the
-// other terms make its answer smaller.
-constexpr double kScanCost = 1e6;
-constexpr double kRowsGuess = 1e6;
-
-// ---- The plan xBestIndex hands xFilter -------------------------------------
-
-struct PlanTerm {
-  uint16_t column = 0;
-  uint8_t op = 0;
-  bool constant = false;  // its value is known when the statement is prepared
-};
-
-// Written as "<columns used>;<column>,<op>,<c|v>;…" in idxStr.
-struct Plan {
-  uint64_t used = 0;  // SQLite's colUsed: bit i, column i
-  std::vector<PlanTerm> terms;  // in argv order
-
-  std::string Encode() const {
-    std::string text = std::to_string(used);
-    for (const PlanTerm& t : terms) {
-      text += ';' + std::to_string(t.column) + ',' + std::to_string(t.op) + ',' +
-              (t.constant ? 'c' : 'v');
-    }
-    return text;
-  }
-
-  bool Decode(const char* text) {
-    if (text == nullptr) return false;
-    char* end = nullptr;
-    used = std::strtoull(text, &end, 10);
-    terms.clear();
-    while (*end == ';') {
-      PlanTerm t;
-      t.column = static_cast<uint16_t>(std::strtoul(end + 1, &end, 10));
-      if (*end != ',') return false;
-      t.op = static_cast<uint8_t>(std::strtoul(end + 1, &end, 10));
-      if (*end != ',' || (end[1] != 'c' && end[1] != 'v')) return false;
-      t.constant = end[1] == 'c';
-      end += 2;
-      terms.push_back(t);
-    }
-    return *end == '\0';
-  }
-};
 
 // ---- The table and its cursor ---------------------------------------------
 
@@ -97,9 +52,19 @@ struct Cursor : sqlite3_vtab_cursor {
   sqlite3_int64 rowid = 0;
 
   // Rows streamed from the store, a page at a time.
+  bool streaming = false;
   QueryRequest request;
   QueryAnswer answer;
   size_t next = 0;  // in answer.rows
+
+  // Or rows the statement's workers asked for, slice after slice: the
+  // slice being read, and where in it.
+  std::shared_ptr<SlicedScans> sliced;
+  size_t sliced_scan = 0;
+  size_t next_slice = 0;
+  std::shared_ptr<SlicePart> part;
+  size_t part_answer = 0;
+  size_t part_row = 0;
 
   // Or rows kept from an earlier scan: those picked, or else the row
   // numbers [row, row_end).
@@ -171,93 +136,30 @@ int Disconnect(sqlite3_vtab* vtab) {
 
 // ---- Planning ----------------------------------------------------------------
 
-// The cost of one scan under a plan; see kScanCost.
-void Estimate(const Plan& plan, sqlite3_index_info* info) {
-  double time = 1;
-  bool lower = false;
-  bool upper = false;
-  double rows = kRowsGuess;
-  bool looked_up = false;  // an equal term whose value changes: a kept scan's lookup
-  for (const PlanTerm& t : plan.terms) {
-    if (t.column == 0) {
-      if (t.op == kSqlEquals) time = std::min(time, 1e-4);
-      lower |= t.op == kSqlGreater || t.op == kSqlGreaterOrEqual;
-      upper |= t.op == kSqlLess || t.op == kSqlLessOrEqual;
-    } else if (t.op == kSqlEquals) {
-      rows /= 1000;
-      looked_up |= !t.constant;
-    } else {
-      rows /= t.op == kSqlLike ? 10 : 3;
-    }
-  }
-  if (lower && upper) time = std::min(time, 0.05);
-  if (lower != upper) time = std::min(time, 0.5);
-  rows *= time;
-  info->estimatedCost = looked_up ? 10 + rows : kScanCost * time;
-  info->estimatedRows = static_cast<sqlite3_int64>(std::max(rows, 1.0));
+// Tells the session what a statement being prepared will ask of the table:
+// the scan's columns and the terms whose values are known now. Each plan
+// the planner weighs names the same ones.
+void RecordPlannedScan(StoreTable& vtab, uint64_t used, std::vector<SqlConstraint> known) {
+  PlannedScan scan;
+  scan.table = vtab.table;
+  scan.columns = ColumnsText(*vtab.table, used);
+  scan.key = ScanKey(*vtab.table, scan.columns, PushConstraints(*vtab.table, known).json);
+  scan.terms = std::move(known);
+  std::vector<PlannedScan>& planned = vtab.session->planned;
+  const bool seen = std::any_of(planned.begin(), planned.end(),
+                                [&scan](const PlannedScan& p) { return p.key == scan.key; });
+  if (!seen) planned.push_back(std::move(scan));
 }
 
 int BestIndex(sqlite3_vtab* vtab, sqlite3_index_info* info) {
-  const TableInfo& table = *static_cast<StoreTable*>(vtab)->table;
-  Plan plan;
-  plan.used = info->colUsed;
-  for (int i = 0; i < info->nConstraint; ++i) {
-    const auto& c = info->aConstraint[i];
-    if (!c.usable || c.iColumn < 0 || c.iColumn >= table.column_count) continue;
-    const ColumnKind kind = table.columns[c.iColumn].kind;
-    if (!IsPushable(kind, c.op)) continue;
-    // The store compares texts byte by byte, as SQLite's BINARY does; LIKE
-    // takes no collation.
-    const char* collation = sqlite3_vtab_collation(info, i);
-    if (!IsNumericKind(kind) && c.op != kSqlLike && collation != nullptr &&
-        sqlite3_stricmp(collation, "BINARY") != 0) {
-      continue;
-    }
-    sqlite3_value* value = nullptr;
-    const bool constant = sqlite3_vtab_rhs_value(info, i, &value) == SQLITE_OK;
-    plan.terms.push_back({static_cast<uint16_t>(c.iColumn), c.op, constant});
-    info->aConstraintUsage[i].argvIndex = static_cast<int>(plan.terms.size());
-    info->aConstraintUsage[i].omit = 0;  // SQLite checks every term again
-  }
+  StoreTable& table = *static_cast<StoreTable*>(vtab);
+  std::vector<SqlConstraint> known;
+  const ScanPlan plan = PlanScan(*table.table, info, known);
   Estimate(plan, info);
+  RecordPlannedScan(table, plan.used, std::move(known));
   info->idxStr = sqlite3_mprintf("%s", plan.Encode().c_str());
   info->needToFreeIdxStr = 1;
   return info->idxStr != nullptr ? SQLITE_OK : SQLITE_NOMEM;
-}
-
-// The column list of the query: the columns the statement uses. None
-// (count(*)) asks for the smallest; all asks for every one.
-std::string ColumnsText(const TableInfo& table, uint64_t used) {
-  std::string text;
-  bool all = true;
-  for (uint16_t i = 0; i < table.column_count; ++i) {
-    const bool wanted = i >= 63 ? (used >> 63) != 0 : ((used >> i) & 1) != 0;
-    if (!wanted) {
-      all = false;
-      continue;
-    }
-    if (!text.empty()) text += ',';
-    text += table.columns[i].name;
-  }
-  if (all) return "";
-  return text.empty() ? std::string(table.columns[0].name) : text;
-}
-
-SqlValue ValueOf(sqlite3_value* value) {
-  switch (sqlite3_value_type(value)) {
-    case SQLITE_INTEGER: return SqlValue::Integer(sqlite3_value_int64(value));
-    case SQLITE_FLOAT: return SqlValue::Real(sqlite3_value_double(value));
-    case SQLITE_TEXT:
-      return SqlValue::Text(std::string(reinterpret_cast<const char*>(sqlite3_value_text(value)),
-                                        static_cast<size_t>(sqlite3_value_bytes(value))));
-    case SQLITE_BLOB: {
-      const void* bytes = sqlite3_value_blob(value);
-      return SqlValue::Blob(bytes == nullptr ? std::string()
-                                             : std::string(static_cast<const char*>(bytes),
-                                                           sqlite3_value_bytes(value)));
-    }
-    default: return SqlValue();
-  }
 }
 
 bool SameValue(const SqlValue& a, const SqlValue& b) {
@@ -327,6 +229,27 @@ std::shared_ptr<KeptScan> KeepScan(StoreTable& table, QueryRequest request, bool
   }
 }
 
+// Moves the cursor to the next slice of its sliced scan: rows a worker
+// asked for, or the slice's query to stream here.
+int NextSlice(Cursor& c) {
+  std::shared_ptr<SlicePart> part = c.sliced->Take(c.sliced_scan, c.next_slice++);
+  switch (part->state) {
+    case SlicePart::State::kDone:
+      c.part = std::move(part);
+      c.part_answer = 0;
+      c.part_row = 0;
+      return SQLITE_OK;
+    case SlicePart::State::kFailed:
+      c.Table().SetError(c.Table().table->name + std::string(": ") + part->error);
+      return SQLITE_ERROR;
+    default:
+      if (part->request.table.empty()) return SQLITE_OK;  // nothing to ask
+      c.request = part->request;
+      c.streaming = true;
+      return FetchPage(c);
+  }
+}
+
 int Next(sqlite3_vtab_cursor* base) {
   Cursor& c = *static_cast<Cursor*>(base);
   c.parsed = false;
@@ -339,22 +262,40 @@ int Next(sqlite3_vtab_cursor* base) {
     c.current = c.kept->Row(c.picked ? *c.pick++ : c.row++);
     return SQLITE_OK;
   }
-  while (c.next >= c.answer.rows.size()) {
-    if (c.answer.status != QueryAnswer::kPartial) {
+  for (;;) {
+    if (c.part != nullptr) {
+      for (; c.part_answer < c.part->answers.size(); ++c.part_answer, c.part_row = 0) {
+        const std::vector<std::string_view>& rows = c.part->answers[c.part_answer].rows;
+        if (c.part_row < rows.size()) {
+          c.current = rows[c.part_row++];
+          return SQLITE_OK;
+        }
+      }
+      c.part.reset();
+    } else if (c.streaming) {
+      if (c.next < c.answer.rows.size()) {
+        c.current = c.answer.rows[c.next++];
+        return SQLITE_OK;
+      }
+      if (c.answer.status == QueryAnswer::kPartial) {
+        c.request.token = c.answer.next_token;
+        c.request.page = c.answer.next_page;
+        if (int rc = FetchPage(c); rc != SQLITE_OK) return rc;
+        continue;
+      }
+      c.streaming = false;
+    }
+    if (c.sliced == nullptr || c.next_slice >= c.sliced->SliceCount()) {
       c.eof = true;
       return SQLITE_OK;
     }
-    c.request.token = c.answer.next_token;
-    c.request.page = c.answer.next_page;
-    if (int rc = FetchPage(c); rc != SQLITE_OK) return rc;
+    if (int rc = NextSlice(c); rc != SQLITE_OK) return rc;
   }
-  c.current = c.answer.rows[c.next++];
-  return SQLITE_OK;
 }
 
 // Serves a scan from kept rows: those its varying equal terms look up, and
 // of them those in its varying date_time range, when they can be told.
-void ServeKept(Cursor& c, std::shared_ptr<KeptScan> scan, const Plan& plan,
+void ServeKept(Cursor& c, std::shared_ptr<KeptScan> scan, const ScanPlan& plan,
                const std::vector<SqlValue>& values, const std::vector<bool>& fixed) {
   const TableInfo& table = *c.Table().table;
   c.kept = std::move(scan);
@@ -407,7 +348,7 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
   Cursor& c = *static_cast<Cursor*>(cursor);
   StoreTable& table = c.Table();
   ScanSession& session = *table.session;
-  Plan plan;
+  ScanPlan plan;
   if (!plan.Decode(plan_text) || static_cast<int>(plan.terms.size()) != argc) {
     table.SetError("the scan's plan does not read back");
     return SQLITE_ERROR;
@@ -440,6 +381,9 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
     return SQLITE_ERROR;
   }
   c.kept.reset();
+  c.sliced.reset();
+  c.part.reset();
+  c.streaming = false;
   c.answer = QueryAnswer();
   c.next = 0;
   c.rowid = 0;
@@ -451,11 +395,33 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
   }
   const std::string columns = ColumnsText(*table.table, plan.used);
   const PushedConstraints base = PushConstraints(*table.table, stable);
-  const std::string key = std::string(table.table->name) + '\n' + columns + '\n' + base.json;
+  const std::string key = ScanKey(*table.table, columns, base.json);
   if (auto found = session.kept.find(key); found != session.kept.end()) {
     ++session.stats.reuses;
     ServeKept(c, found->second, plan, values, fixed);
     return Next(&c);
+  }
+  const int sliced = session.sliced != nullptr ? session.sliced->Find(key) : -1;
+  if (sliced >= 0 && stable.size() == all.size()) {
+    // The statement's workers have this scan: read it slice after slice.
+    c.sliced = session.sliced;
+    c.sliced_scan = static_cast<size_t>(sliced);
+    c.next_slice = 0;
+    return Next(&c);
+  }
+  if (sliced >= 0 && (repeated || joined) && session.too_big.count(key) == 0) {
+    std::string error;
+    if (std::shared_ptr<KeptScan> scan = session.sliced->Whole(sliced, error)) {
+      ++session.stats.kept_scans;
+      session.stats.kept_bytes += scan->Bytes();
+      session.kept.emplace(key, scan);
+      ServeKept(c, std::move(scan), plan, values, fixed);
+      return Next(&c);
+    }
+    if (!error.empty()) {
+      table.SetError(table.table->name + std::string(": ") + error);
+      return SQLITE_ERROR;
+    }
   }
   if ((repeated || joined) && session.too_big.count(key) == 0) {
     QueryRequest request;
@@ -477,6 +443,7 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
   c.request.table = table.table->name;
   c.request.columns = columns;
   c.request.constraints = pushed.json;
+  c.streaming = true;
   if (int rc = FetchPage(c); rc != SQLITE_OK) return rc;
   return Next(&c);
 }
@@ -570,5 +537,21 @@ bool StoreTables::Register(sqlite3* db, std::string& error) {
 }
 
 ScanCacheStats StoreTables::cache_stats() const { return session_->stats; }
+
+void StoreTables::UseThreads(const std::string& store, unsigned threads) {
+  session_->threads = threads;
+  if (threads > 1) session_->slices.Load(store);
+}
+
+void StoreTables::ForgetPlans() { session_->planned.clear(); }
+
+void StoreTables::BeginStatement() {
+  ScanSession& session = *session_;
+  session.sliced = SlicedScans::Start(session.client, session.slices, std::move(session.planned),
+                                      session.threads);
+  session.planned.clear();
+}
+
+void StoreTables::EndStatement() { session_->sliced.reset(); }
 
 }  // namespace Tarn::Tool

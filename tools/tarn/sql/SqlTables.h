@@ -59,6 +59,16 @@ class StoreTables {
 
   ScanCacheStats cache_stats() const;
 
+  // Scans on `threads` threads: a statement's scans are run over time
+  // slices of `store` ahead of SQLite (SlicedScans). 1: each scan is asked
+  // for as SQLite reaches it, one page after another.
+  void UseThreads(const std::string& store, unsigned threads);
+  // Around each statement: drop what earlier planning recorded; start the
+  // workers on the prepared statement's scans; stop them.
+  void ForgetPlans();
+  void BeginStatement();
+  void EndStatement();
+
  private:
   std::shared_ptr<ScanSession> session_;
 };

@@ -1,0 +1,240 @@
+#include "tarn/sql/SlicedScans.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "manager/BlockCache.h"
+#include "tarn/sql/ScanCache.h"
+
+namespace Tarn::Tool {
+namespace {
+
+using Storage::OSQuery::TableInfo;
+
+constexpr uint64_t kOpenEnd = std::numeric_limits<uint64_t>::max() / 2;
+
+// The seconds a scan's known date_time terms leave; first above last when
+// none.
+SecondRange RangeOf(const PlannedScan& scan) {
+  int64_t lower = 0;
+  int64_t upper = 0;
+  if (!DateTimeSpan(*scan.table, scan.terms, lower, upper)) return {0, kOpenEnd};
+  if (lower > upper) return {1, 0};
+  const uint64_t first = lower > 0 ? static_cast<uint64_t>(lower) / 1000 : 0;
+  const uint64_t last = upper < std::numeric_limits<int64_t>::max()
+                            ? std::min(static_cast<uint64_t>(std::max<int64_t>(upper, 0)) / 1000,
+                                       kOpenEnd)
+                            : kOpenEnd;
+  return {first, last};
+}
+
+// Blocks per slice. One scan: four slices per thread, few enough that few
+// blocks are decoded by the searches that start and end each query (the
+// store runs those one at a time), many enough that SQLite gets its first
+// rows early and reads them while the workers go on. Several scans: slices
+// small enough that every worker's blocks stay in the module's block cache
+// while each scan of the statement reads them.
+size_t BlocksPerSlice(size_t blocks, size_t scans, unsigned threads) {
+  if (scans == 1) return (blocks + 4 * threads - 1) / (4 * threads);
+  const size_t per_worker = Storage::BlockCache::kCapacity / threads;
+  return std::max<size_t>(per_worker > 1 ? per_worker - 1 : 1, 1);
+}
+
+}  // namespace
+
+std::string ScanKey(const TableInfo& table, const std::string& columns,
+                    const std::string& constraints) {
+  return std::string(table.name) + '\n' + columns + '\n' + constraints;
+}
+
+std::shared_ptr<SlicedScans> SlicedScans::Start(QueryClient& client, const TimeSlices& slices,
+                                                std::vector<PlannedScan> scans,
+                                                unsigned threads) {
+  if (threads < 2 || !slices.CanCut()) return nullptr;
+  // A scan whose terms leave no time asks nothing: leave it to SQLite.
+  std::erase_if(scans, [](const PlannedScan& scan) {
+    const SecondRange range = RangeOf(scan);
+    return range.first > range.last;
+  });
+  if (scans.empty()) return nullptr;
+  SecondRange hull{kOpenEnd, 0};
+  for (const PlannedScan& scan : scans) {
+    const SecondRange range = RangeOf(scan);
+    hull.first = std::min(hull.first, range.first);
+    hull.last = std::max(hull.last, range.last);
+  }
+  const size_t blocks = slices.BlocksIn(hull);
+  if (blocks < 2 && scans.size() == 1) return nullptr;
+  std::vector<SecondRange> cut = slices.Cut(hull, BlocksPerSlice(blocks, scans.size(), threads));
+  if (cut.size() < 2 && scans.size() == 1) return nullptr;
+  std::shared_ptr<SlicedScans> sliced(new SlicedScans(client, std::move(scans), std::move(cut)));
+  for (unsigned i = 0; i < threads; ++i) sliced->workers_.emplace_back([s = sliced.get()] {
+    s->Work();
+  });
+  return sliced;
+}
+
+SlicedScans::SlicedScans(QueryClient& client, std::vector<PlannedScan> scans,
+                         std::vector<SecondRange> slices)
+    : client_(client), scans_(std::move(scans)), slices_(std::move(slices)) {
+  parts_.resize(slices_.size());
+  for (size_t j = 0; j < slices_.size(); ++j) {
+    for (const PlannedScan& scan : scans_) {
+      auto part = std::make_shared<SlicePart>();
+      const SecondRange range = RangeOf(scan);
+      const SecondRange slice{std::max(range.first, slices_[j].first),
+                              std::min(range.last, slices_[j].last)};
+      part->request = SliceRequest(scan, slice);
+      // Outside the scan's own time, or no row can match: nothing to ask.
+      if (slice.first > slice.last || part->request.table.empty()) {
+        part->state = SlicePart::State::kDone;
+      }
+      parts_[j].push_back(std::move(part));
+    }
+  }
+}
+
+SlicedScans::~SlicedScans() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+  }
+  changed_.notify_all();
+  for (std::thread& worker : workers_) worker.join();
+}
+
+QueryRequest SlicedScans::SliceRequest(const PlannedScan& scan, SecondRange slice) const {
+  std::vector<SqlConstraint> terms = scan.terms;
+  if (slice.first > 0) {
+    terms.push_back({0, kSqlGreaterOrEqual,
+                     SqlValue::Integer(static_cast<int64_t>(slice.first) * 1000)});
+  }
+  if (slice.last < kOpenEnd) {
+    terms.push_back({0, kSqlLess, SqlValue::Integer(static_cast<int64_t>(slice.last + 1) * 1000)});
+  }
+  const PushedConstraints pushed = PushConstraints(*scan.table, terms);
+  QueryRequest request;
+  if (pushed.nothing) return request;  // no table: nothing to ask
+  request.table = scan.table->name;
+  request.columns = scan.columns;
+  request.constraints = pushed.json;
+  return request;
+}
+
+int SlicedScans::Find(const std::string& key) const {
+  for (size_t i = 0; i < scans_.size(); ++i) {
+    if (scans_[i].key == key) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+void SlicedScans::Fetch(SlicePart& part) {
+  QueryRequest request = part.request;
+  for (;;) {
+    QueryAnswer answer;
+    std::string error;
+    if (!client_.Ask(request, answer, error)) {
+      part.error = error;
+      return;
+    }
+    if (!answer.HasRows()) {
+      part.error = client_.Explain(answer.status);
+      return;
+    }
+    const bool more = answer.status == QueryAnswer::kPartial;
+    request.token = answer.next_token;
+    request.page = answer.next_page;
+    part.bytes += answer.events.size();
+    part.answers.push_back(std::move(answer));
+    if (!more) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stop_) {
+      part.error = "stopped";
+      return;
+    }
+  }
+}
+
+void SlicedScans::Work() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] {
+      return stop_ || next_slice_ >= slices_.size() || held_bytes_ < kBudget;
+    });
+    if (stop_ || next_slice_ >= slices_.size()) return;
+    const size_t slice = next_slice_++;
+    // Every scan of the slice in turn, while its blocks are in the cache.
+    for (const std::shared_ptr<SlicePart>& part : parts_[slice]) {
+      if (part->state != SlicePart::State::kWaiting) continue;
+      part->state = SlicePart::State::kRunning;
+      lock.unlock();
+      Fetch(*part);
+      lock.lock();
+      part->state = part->error.empty() ? SlicePart::State::kDone : SlicePart::State::kFailed;
+      held_bytes_ += part->bytes;
+      changed_.notify_all();
+      if (stop_) return;
+    }
+  }
+}
+
+std::shared_ptr<SlicePart> SlicedScans::Take(size_t scan, size_t slice) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  std::shared_ptr<SlicePart>& held = parts_[slice][scan];
+  // A part no worker has reached is waited for too, while the workers go
+  // on: asking for it here would decode its blocks once more, away from the
+  // slice the workers hold in the cache.
+  changed_.wait(lock, [this, &held] {
+    return held->state != SlicePart::State::kRunning &&
+           (held->state != SlicePart::State::kWaiting || stop_ || held_bytes_ >= kBudget);
+  });
+  std::shared_ptr<SlicePart> part = held;
+  if (part->state == SlicePart::State::kTaken) return part;
+  // From now on the part is the caller's: its rows, or its query to stream.
+  auto taken = std::make_shared<SlicePart>();
+  taken->state = SlicePart::State::kTaken;
+  taken->request = part->request;
+  held = taken;
+  held_bytes_ -= part->bytes;
+  changed_.notify_all();
+  return part->state == SlicePart::State::kWaiting ? taken : part;
+}
+
+std::shared_ptr<KeptScan> SlicedScans::Whole(size_t scan, std::string& error) {
+  std::vector<std::shared_ptr<SlicePart>> parts;
+  for (size_t slice = 0; slice < slices_.size(); ++slice) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    std::shared_ptr<SlicePart> part = parts_[slice][scan];
+    if (part->state == SlicePart::State::kTaken) return nullptr;
+    if (part->state == SlicePart::State::kWaiting) {
+      part->state = SlicePart::State::kRunning;  // no worker took it: ask here
+      lock.unlock();
+      Fetch(*part);
+      lock.lock();
+      part->state = part->error.empty() ? SlicePart::State::kDone : SlicePart::State::kFailed;
+      held_bytes_ += part->bytes;
+      changed_.notify_all();
+    }
+    changed_.wait(lock, [&part] { return part->state != SlicePart::State::kRunning; });
+    if (part->state == SlicePart::State::kFailed) {
+      error = part->error;
+      return nullptr;
+    }
+    parts.push_back(part);
+  }
+  auto whole = std::make_shared<KeptScan>();
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (size_t slice = 0; slice < slices_.size(); ++slice) {
+    SlicePart& part = *parts[slice];
+    for (QueryAnswer& answer : part.answers) whole->Add(std::move(answer));
+    held_bytes_ -= part.bytes;
+    auto taken = std::make_shared<SlicePart>();
+    taken->state = SlicePart::State::kTaken;
+    taken->request = part.request;
+    parts_[slice][scan] = taken;
+  }
+  changed_.notify_all();
+  return whole;
+}
+
+}  // namespace Tarn::Tool
