@@ -17,7 +17,7 @@
 #include "Keel/OS/File.h"
 #include "manager/DayFile.h"
 #include "manager/EventsBlock.h"
-#include "support/sample_records.h"
+#include "samples/EventLikeRecords.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ struct Records {
 
 // The shared event-like sample with the entry table the store would build.
 Records EventLikeRecords(size_t size) {
-  tarn::test::SampleRecords sample = tarn::test::EventLikeRecords(size);
+  Tarn::Samples::SampleRecords sample = Tarn::Samples::EventLikeRecords(size);
   Records out;
   out.bytes = std::move(sample.bytes);
   for (size_t i = 0; i < sample.offsets.size(); ++i) {

@@ -10,14 +10,14 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/Lzma.h"
-#include "support/sample_records.h"
+#include "samples/EventLikeRecords.h"
 
 namespace {
 
 constexpr size_t kBlockBytes = 10 << 20;
 
 const std::vector<uint8_t>& Sample() {
-  static const std::vector<uint8_t> sample = tarn::test::EventLikeBytes(kBlockBytes);
+  static const std::vector<uint8_t> sample = Tarn::Samples::EventLikeBytes(kBlockBytes);
   return sample;
 }
 

@@ -9,12 +9,12 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "support/log_capture.h"
-#include "support/sample_records.h"
+#include "samples/EventLikeRecords.h"
 
 namespace {
 
 using Keel::Collections::Buffer;
-using tarn::test::EventLikeBytes;
+using Tarn::Samples::EventLikeBytes;
 
 std::vector<uint8_t> Bytes(const Buffer& buffer) {
   return std::vector<uint8_t>(buffer.Data(), buffer.Data() + buffer.Size());

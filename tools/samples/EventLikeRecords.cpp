@@ -1,9 +1,9 @@
-#include "support/sample_records.h"
+#include "samples/EventLikeRecords.h"
 
 #include <cstdio>
 #include <cstring>
 
-namespace tarn::test {
+namespace Tarn::Samples {
 namespace {
 
 // Appends whole records until `size` bytes are reached or passed.
@@ -67,4 +67,4 @@ std::vector<uint8_t> EventLikeBytes(size_t size, uint32_t seed) {
   return bytes;
 }
 
-}  // namespace tarn::test
+}  // namespace Tarn::Samples

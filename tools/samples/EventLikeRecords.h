@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace tarn::test {
+namespace Tarn::Samples {
 
 // Bytes shaped like a block of stored events: a 24-byte header with a type,
 // size and rising millisecond clock, numeric slots, then paths, command lines,
@@ -23,4 +23,4 @@ SampleRecords EventLikeRecords(size_t size, uint32_t seed = 1);
 // Exactly `size` bytes: the same records, the last one cut where `size` ends.
 std::vector<uint8_t> EventLikeBytes(size_t size, uint32_t seed = 1);
 
-}  // namespace tarn::test
+}  // namespace Tarn::Samples
