@@ -6,6 +6,7 @@
 // a damaged store, a store in use).
 
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace CLI {
@@ -22,6 +23,11 @@ class Command {
   // Runs the command the parser chose; the process exit status.
   virtual int Run() = 0;
 };
+
+// A command that takes --store alone and runs `run` on the store's absolute
+// path.
+std::unique_ptr<Command> MakeStoreCommand(const char* name, const char* description,
+                                          std::string footer, int (*run)(const std::string&));
 
 // Every command, in the order `tarn --help` lists them.
 std::vector<std::unique_ptr<Command>> AllCommands();

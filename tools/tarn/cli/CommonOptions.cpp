@@ -79,6 +79,22 @@ bool ReadQueryLimits(const QueryLimitTexts& texts, QueryLimits& limits, std::str
   return CheckQueryLimits(limits, error);
 }
 
+bool ReadHostOptions(HostOptions& host, const LimitTexts& texts) {
+  host.store = AbsoluteStore(host.store);
+  std::string error;
+  if (ReadLimits(texts, host.limits, error)) return true;
+  PrintError(error);
+  return false;
+}
+
+bool ReadHostOptions(HostOptions& host, const QueryLimitTexts& texts, QueryLimits& limits) {
+  host.store = AbsoluteStore(host.store);
+  std::string error;
+  if (ReadQueryLimits(texts, limits, error)) return true;
+  PrintError(error);
+  return false;
+}
+
 void PrintError(const std::string& message) {
   std::fflush(stdout);  // keep the order of what was said
   std::fprintf(stderr, "tarn: %s\n", message.c_str());

@@ -44,6 +44,12 @@ struct QueryLimitTexts {
 void AddQueryLimits(CLI::App* command, QueryLimitTexts& limits, const std::string& unset);
 bool ReadQueryLimits(const QueryLimitTexts& texts, QueryLimits& limits, std::string& error);
 
+// The checks every command that opens a store through the module makes
+// before it runs: the store's path made absolute, and the limits read. False
+// after saying on standard error what is wrong.
+bool ReadHostOptions(HostOptions& host, const LimitTexts& texts);
+bool ReadHostOptions(HostOptions& host, const QueryLimitTexts& texts, QueryLimits& limits);
+
 // "tarn: <message>" on standard error.
 void PrintError(const std::string& message);
 // The storage directory as an absolute path.

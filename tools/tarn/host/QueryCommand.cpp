@@ -180,13 +180,7 @@ class QueryCommand : public Command {
   }
 
   int Run() override {
-    options_.host.store = AbsoluteStore(options_.host.store);
-    std::string error;
-    if (!ReadQueryLimits(limits_, options_.limits, error)) {
-      PrintError(error);
-      return 1;
-    }
-    return RunQuery(options_);
+    return ReadHostOptions(options_.host, limits_, options_.limits) ? RunQuery(options_) : 1;
   }
 
  private:

@@ -205,14 +205,8 @@ class ExportCommand : public Command {
   }
 
   int Run() override {
-    options_.host.store = AbsoluteStore(options_.host.store);
     options_.host.limits.widest_by_default = true;
-    std::string error;
-    if (!ReadLimits(limits_, options_.host.limits, error)) {
-      PrintError(error);
-      return 1;
-    }
-    return RunExport(options_);
+    return ReadHostOptions(options_.host, limits_) ? RunExport(options_) : 1;
   }
 
  private:

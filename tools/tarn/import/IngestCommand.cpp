@@ -253,15 +253,7 @@ class IngestCommand : public Command {
     return command;
   }
 
-  int Run() override {
-    options_.host.store = AbsoluteStore(options_.host.store);
-    std::string error;
-    if (!ReadLimits(limits_, options_.host.limits, error)) {
-      PrintError(error);
-      return 1;
-    }
-    return RunIngest(options_);
-  }
+  int Run() override { return ReadHostOptions(options_.host, limits_) ? RunIngest(options_) : 1; }
 
  private:
   IngestOptions options_;

@@ -2,8 +2,6 @@
 // store. The day files are only read; the index is written the way the store
 // writes it (a temporary file renamed over the old one).
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -186,24 +184,13 @@ int RunRecover(const std::string& store) {
   return 0;
 }
 
-class RecoverCommand : public Command {
- public:
-  CLI::App* Add(CLI::App& app) override {
-    CLI::App* command = app.add_subcommand("recover", "Rebuild storage.index.db from the day files");
-    command->footer(std::string("Only the index file is written. ") + kOfflineNote +
-                    " The store must be closed.");
-    AddStoreOption(command, store_);
-    return command;
-  }
-
-  int Run() override { return RunRecover(AbsoluteStore(store_)); }
-
- private:
-  std::string store_;
-};
-
 }  // namespace
 
-std::unique_ptr<Command> MakeRecoverCommand() { return std::make_unique<RecoverCommand>(); }
+std::unique_ptr<Command> MakeRecoverCommand() {
+  return MakeStoreCommand(
+      "recover", "Rebuild storage.index.db from the day files",
+      std::string("Only the index file is written. ") + kOfflineNote + " The store must be closed.",
+      RunRecover);
+}
 
 }  // namespace Tarn::Tool

@@ -1,8 +1,6 @@
 // tarn verify: reads every block of a closed store, decodes it and checks it
 // against the index, with the store's own format code.
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <filesystem>
 
@@ -298,26 +296,14 @@ int RunVerify(const std::string& store) {
   return Verifier(store).Run();
 }
 
-class VerifyCommand : public Command {
- public:
-  CLI::App* Add(CLI::App& app) override {
-    CLI::App* command = app.add_subcommand(
-        "verify", "Decode every block and check it and the index against the files");
-    command->footer(std::string("Checks entry tables, records, block sizes and seconds, and "
-                                "that every indexed file is there; exits with 1 on a fault. ") +
-                    kOfflineNote + " The store must be closed.");
-    AddStoreOption(command, store_);
-    return command;
-  }
-
-  int Run() override { return RunVerify(AbsoluteStore(store_)); }
-
- private:
-  std::string store_;
-};
-
 }  // namespace
 
-std::unique_ptr<Command> MakeVerifyCommand() { return std::make_unique<VerifyCommand>(); }
+std::unique_ptr<Command> MakeVerifyCommand() {
+  return MakeStoreCommand(
+      "verify", "Decode every block and check it and the index against the files",
+      std::string("Checks entry tables, records, block sizes and seconds, and that every indexed file "
+                  "is there; exits with 1 on a fault. ") + kOfflineNote + " The store must be closed.",
+      RunVerify);
+}
 
 }  // namespace Tarn::Tool

@@ -141,13 +141,7 @@ class SqlCommand : public Command {
   }
 
   int Run() override {
-    options_.host.store = AbsoluteStore(options_.host.store);
-    std::string error;
-    if (!ReadQueryLimits(limits_, options_.limits, error)) {
-      PrintError(error);
-      return 1;
-    }
-    return RunSql(options_);
+    return ReadHostOptions(options_.host, limits_, options_.limits) ? RunSql(options_) : 1;
   }
 
  private:
