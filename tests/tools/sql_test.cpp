@@ -19,8 +19,8 @@
 #include "osquery/MatchColumns.h"
 #include "osquery/Tables.h"
 #include "osquery/TimeRange.h"
-#include "tarn/sql/ResultPrinter.h"
 #include "tarn/import/RowJson.h"
+#include "tarn/sql/ResultPrinter.h"
 #include "tarn/sql/SqlConstraints.h"
 #include "tarn/synthetic/Synthetic.h"
 #include "tools/tool_runner.h"
@@ -384,7 +384,8 @@ TEST_F(TarnSql, ScansOnSeveralThreadsAnswerAsOneThreadDoes) {
     const int64_t a = moment();
     const int64_t b = moment();
     std::string where = "date_time " + std::string(kOps[random() % 4]) + " " + std::to_string(a);
-    if (i % 3 != 0) where += " AND date_time " + std::string(kOps[random() % 5]) + " " + std::to_string(b);
+    if (i % 3 != 0)
+      where += " AND date_time " + std::string(kOps[random() % 5]) + " " + std::to_string(b);
     statements.push_back("SELECT date_time, pid, path FROM edr_file_write WHERE " + where);
     if (i % 4 == 0) {
       statements.push_back("SELECT date_time, 'r' FROM edr_registry_value_query WHERE " + where +
@@ -419,9 +420,8 @@ TEST_F(TarnSql, StatusesBecomeAdviceAndPagesAreFollowed) {
   const auto busiest = std::max_element(per_table.begin(), per_table.end(),
                                         [](auto& a, auto& b) { return a.second < b.second; });
   ASSERT_GT(busiest->second, 1000u);
-  ToolRun rows = Run(
-      {"sql", "--store", Store(), "--threads", "1", "--row-limit", "1000",
-       "SELECT count(*) FROM " + busiest->first});
+  ToolRun rows = Run({"sql", "--store", Store(), "--threads", "1", "--row-limit", "1000",
+                      "SELECT count(*) FROM " + busiest->first});
   EXPECT_EQ(rows.status, 1);
   EXPECT_NE(rows.err.find("more than 1,000 rows match in one answer (status 1"), std::string::npos)
       << rows.err;
@@ -437,15 +437,15 @@ TEST_F(TarnSql, StatusesBecomeAdviceAndPagesAreFollowed) {
   tarn::test::WriteWholeFile(dir_.File("big.jsonl"), lines);
   const std::string big = dir_.File("big");
   ASSERT_EQ(Run({"ingest", "--store", big, "--from", dir_.File("big.jsonl")}).status, 0);
-  ToolRun paged =
-      Run({"sql", "--store", big, "--threads", "1", "--size-limit", "10485760", "--stats", "--format", "csv",
-           "SELECT count(*), sum(pid), min(length(command_line)) "
-           "FROM edr_process_create"});
+  ToolRun paged = Run({"sql", "--store", big, "--threads", "1", "--size-limit", "10485760",
+                       "--stats", "--format", "csv",
+                       "SELECT count(*), sum(pid), min(length(command_line)) "
+                       "FROM edr_process_create"});
   EXPECT_EQ(paged.status, 0) << paged.err;
   EXPECT_EQ(paged.out, "count(*),sum(pid),min(length(command_line))\n300,44850,40000\n");
   EXPECT_NE(paged.err.find("1 query, 2 answers, 300 rows"), std::string::npos) << paged.err;
-  ToolRun pages = Run({"sql", "--store", big, "--threads", "1", "--size-limit", "10M", "--aux-limit", "2",
-                       "SELECT max(command_line) FROM edr_process_create"});
+  ToolRun pages = Run({"sql", "--store", big, "--threads", "1", "--size-limit", "10M",
+                       "--aux-limit", "2", "SELECT max(command_line) FROM edr_process_create"});
   EXPECT_EQ(pages.status, 1);
   EXPECT_NE(pages.err.find("needs more pages than aux_limit allows (status 2"), std::string::npos)
       << pages.err;

@@ -21,7 +21,8 @@ using Tarn::Tool::TimeSlices;
 constexpr uint16_t kDay = 9000;
 
 // Writes an index whose day kDay holds blocks over these seconds of the day.
-void WriteIndex(const std::string& directory, const std::vector<std::pair<uint32_t, uint32_t>>& blocks) {
+void WriteIndex(const std::string& directory,
+                const std::vector<std::pair<uint32_t, uint32_t>>& blocks) {
   using namespace Tarn::Storage;
   Index index;
   index.set_directory(directory);

@@ -29,8 +29,8 @@ int ReportExtras(CLI::App& app, int argc, char** argv) {
   const std::vector<CLI::App*> commands = app.get_subcommands();
   const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
   const bool one = names.find(' ') == std::string::npos;
-  PrintError(std::string("unexpected ") + (one ? "argument " : "arguments ") + names + " (see tarn" +
-             command + " --help)");
+  PrintError(std::string("unexpected ") + (one ? "argument " : "arguments ") + names +
+             " (see tarn" + command + " --help)");
   return 1;
 }
 

@@ -12,15 +12,12 @@
 #include "tarn/cli/Command.h"
 #include "tarn/cli/CommonOptions.h"
 #include "tarn/cli/Progress.h"
+#include "tarn/cli/TextForms.h"
 #include "tarn/offline/StoreFiles.h"
 #include "tarn/offline/StoreLock.h"
-#include "tarn/cli/TextForms.h"
 
 namespace Tarn::Tool {
 namespace {
-
-
-
 
 using Storage::BlockHeader;
 using Storage::BlockInfo;
@@ -281,7 +278,6 @@ void Verifier::CheckFinal() {
   CheckRecords("storage.final.db", raw.Data(), static_cast<uint32_t>(raw.Size()), table_offset);
 }
 
-
 int RunVerify(const std::string& store) {
   if (!std::filesystem::is_directory(store)) {
     PrintError("there is no store in " + store);
@@ -301,8 +297,10 @@ int RunVerify(const std::string& store) {
 std::unique_ptr<Command> MakeVerifyCommand() {
   return MakeStoreCommand(
       "verify", "Decode every block and check it and the index against the files",
-      std::string("Checks entry tables, records, block sizes and seconds, and that every indexed file "
-                  "is there; exits with 1 on a fault. ") + kOfflineNote + " The store must be closed.",
+      std::string(
+          "Checks entry tables, records, block sizes and seconds, and that every indexed file "
+          "is there; exits with 1 on a fault. ") +
+          kOfflineNote + " The store must be closed.",
       RunVerify);
 }
 

@@ -313,7 +313,8 @@ void SyntheticEvents::PrepareNetwork(const Plan::Table& plan, EventContext& c) {
   if (has(Plan::kRarePeer)) {
     c.peer = w.network().RarePeer();
   } else {
-    c.peer = protocol.empty() ? w.network().PickPeer(actor_) : w.network().PeerFor(protocol, actor_);
+    c.peer =
+        protocol.empty() ? w.network().PickPeer(actor_) : w.network().PeerFor(protocol, actor_);
   }
   c.local_port = w.network().EphemeralPort(actor_.IsLinux());
   c.connection_id = w.network().NewConnectionId();

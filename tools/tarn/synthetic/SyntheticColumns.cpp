@@ -75,13 +75,17 @@ uint64_t ColumnFiller::Number(NumberRule rule, bool wide, EventContext& c) {
     case NumberRule::kGid: return user.gid;
     case NumberRule::kDbuid: return user.dbuid;
     case NumberRule::kPidSpace: return a.pid_space;
-    case NumberRule::kProcessFlags: return (linux ? 0x1 : 0x2) | (a.elevation == 2 ? 0x10 : 0) | 0x100;
+    case NumberRule::kProcessFlags:
+      return (linux ? 0x1 : 0x2) | (a.elevation == 2 ? 0x10 : 0) | 0x100;
     case NumberRule::kOrigin: return r.Chance(0.9) ? 1 : 2;
-    case NumberRule::kSpecialPermissions: return a.Info().flags & Catalog::kElevated ? 1 : (all ? 2 : 0);
+    case NumberRule::kSpecialPermissions:
+      return a.Info().flags & Catalog::kElevated ? 1 : (all ? 2 : 0);
     case NumberRule::kIntegrity: return linux && all ? 1 : a.integrity;
     case NumberRule::kElevation: return linux && all ? 1 : a.elevation;
-    case NumberRule::kFileAttributes: return linux ? (all ? 0x80 : 0) : (r.Chance(0.7) ? 0x20 : 0x80);
-    case NumberRule::kFilePermissions: return linux ? (r.Chance(0.8) ? 0644 : 0755) : (all ? 0x1F01FF : 0);
+    case NumberRule::kFileAttributes:
+      return linux ? (all ? 0x80 : 0) : (r.Chance(0.7) ? 0x20 : 0x80);
+    case NumberRule::kFilePermissions:
+      return linux ? (r.Chance(0.8) ? 0644 : 0755) : (all ? 0x1F01FF : 0);
     case NumberRule::kChannel: return r.Chance(0.95) ? 1 : 2;
     case NumberRule::kFileFlags: return r.Chance(0.6) ? 0x80 : 0x4000080;
     case NumberRule::kFileType: return r.Chance(0.9) ? 1 : 2;
@@ -90,8 +94,10 @@ uint64_t ColumnFiller::Number(NumberRule rule, bool wide, EventContext& c) {
       return n;
     }
     case NumberRule::kEntropy: return r.Between(3000, 7999);
-    case NumberRule::kLocalPort: return c.inbound ? world_.network().Peer(c.peer).port : c.local_port;
-    case NumberRule::kRemotePort: return c.inbound ? c.local_port : world_.network().Peer(c.peer).port;
+    case NumberRule::kLocalPort:
+      return c.inbound ? world_.network().Peer(c.peer).port : c.local_port;
+    case NumberRule::kRemotePort:
+      return c.inbound ? c.local_port : world_.network().Peer(c.peer).port;
     case NumberRule::kDirection: return c.inbound ? 1 : 2;
     case NumberRule::kConnectionFlags: return r.Chance(0.8) ? 0x2 : 0x12;
     case NumberRule::kLayer: return 3;
@@ -183,7 +189,8 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
     case TextRule::kExpectedProtocol: return peer.protocol;
     case TextRule::kLocalMac: return world_.network().LocalMac();
     case TextRule::kRemoteMac: {
-      if (!peer.internal) return world_.network().GatewayMac();  // outside hosts are behind the router
+      if (!peer.internal)
+        return world_.network().GatewayMac();  // outside hosts are behind the router
       std::string hex = World::Hex(peer.address, 6);
       return "00:1a:2b:" + hex.substr(0, 2) + ":" + hex.substr(2, 2) + ":" + hex.substr(4, 2);
     }
@@ -197,13 +204,16 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
     case TextRule::kReferer: return r.Chance(0.5) && !all ? "" : "https://" + peer.host + "/";
     case TextRule::kUri: return "https://" + peer.host + std::string(r.Pick(Catalog::UrlPaths()));
     case TextRule::kAuthorization: return "Negotiate " + World::Hex(peer.host + user.name, 40);
-    case TextRule::kCipher: return r.Chance(0.7) ? "TLS_AES_256_GCM_SHA384" : "TLS_AES_128_GCM_SHA256";
+    case TextRule::kCipher:
+      return r.Chance(0.7) ? "TLS_AES_256_GCM_SHA384" : "TLS_AES_128_GCM_SHA256";
     case TextRule::kKerberosCipher: return r.Chance(0.8) ? "0x12" : "0x17";
-    case TextRule::kSpn: return r.Chance(0.5) ? "krbtgt/CORP.EXAMPLE.COM" : "cifs/fs01.corp.example.com";
+    case TextRule::kSpn:
+      return r.Chance(0.5) ? "krbtgt/CORP.EXAMPLE.COM" : "cifs/fs01.corp.example.com";
     case TextRule::kSharePath: return r.Chance(0.5) ? "\\\\*\\IPC$" : "\\\\*\\share";
     case TextRule::kTreeName: return "\\\\fs01.corp.example.com\\share";
     case TextRule::kRpcInterface: return "367abb81-9844-35f1-ad32-98f038001003";
-    case TextRule::kSamr: return r.Chance(0.5) ? "SamrEnumerateUsersInDomain" : "SamrQueryInformationUser";
+    case TextRule::kSamr:
+      return r.Chance(0.5) ? "SamrEnumerateUsersInDomain" : "SamrQueryInformationUser";
     case TextRule::kRegistryOperation: return r.Chance(0.5) ? "OpenKey" : "QueryValue";
     case TextRule::kSocketPath:
       return linux ? "/run/docker.sock" : "\\\\.\\pipe\\" + std::string(r.Pick(Catalog::Words()));
@@ -234,7 +244,8 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
       return "CN=NTDS Settings,CN=DC0" + std::to_string(r.Between(1, 2)) +
              ",CN=Servers,CN=Default-First-Site-Name,CN=Sites,CN=Configuration,DC=corp,DC=example,"
              "DC=com";
-    case TextRule::kObjectClass: return r.Chance(0.6) ? "user" : (r.Chance(0.5) ? "group" : "computer");
+    case TextRule::kObjectClass:
+      return r.Chance(0.6) ? "user" : (r.Chance(0.5) ? "group" : "computer");
     case TextRule::kAttributeNames:
       return list([](uint32_t i) { return i % 2 == 0 ? "userAccountControl" : "description"; });
     case TextRule::kAttributeValues:
@@ -242,8 +253,10 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
     case TextRule::kPassword:
       return std::string(r.Pick(Catalog::Words())) + std::to_string(r.Between(10, 99)) + "!";
     case TextRule::kPasswordHash: return World::Hex(user.name + "pw", 32);
-    case TextRule::kKey: return c.key.empty() ? std::string(r.Pick(Catalog::RegistryKeys())) : c.key;
-    case TextRule::kKey2: return "HKU\\" + sid_of(user) + "_Classes\\VirtualStore\\MACHINE\\SOFTWARE";
+    case TextRule::kKey:
+      return c.key.empty() ? std::string(r.Pick(Catalog::RegistryKeys())) : c.key;
+    case TextRule::kKey2:
+      return "HKU\\" + sid_of(user) + "_Classes\\VirtualStore\\MACHINE\\SOFTWARE";
     case TextRule::kValueName: return std::string(r.Pick(Catalog::RegistryValues()));
     case TextRule::kRegistryData: return r.Chance(0.5) ? a.path : std::to_string(r.Below(100000));
     case TextRule::kName: return c.name.empty() ? std::string(r.Pick(Catalog::Words())) : c.name;
@@ -251,10 +264,13 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
     case TextRule::kServicePath:
     case TextRule::kServiceCommand:
       return c.file2.empty() ? "C:\\Windows\\System32\\svchost.exe -k netsvcs" : c.file2;
-    case TextRule::kTaskCommands: return list([&](uint32_t) { return c.file2.empty() ? a.path : c.file2; });
+    case TextRule::kTaskCommands:
+      return list([&](uint32_t) { return c.file2.empty() ? a.path : c.file2; });
     case TextRule::kTaskPaths: return list([&](uint32_t) { return a.path; });
-    case TextRule::kActions: return list([](uint32_t i) { return i == 0 ? "blocked" : "reported"; });
-    case TextRule::kSeverities: return list([&](uint32_t i) { return std::to_string(i == 0 ? 4 : 2); });
+    case TextRule::kActions:
+      return list([](uint32_t i) { return i == 0 ? "blocked" : "reported"; });
+    case TextRule::kSeverities:
+      return list([&](uint32_t i) { return std::to_string(i == 0 ? 4 : 2); });
     case TextRule::kDetectionTypes:
       return list([](uint32_t i) { return i == 0 ? "malware" : "suspicious_behavior"; });
     case TextRule::kEngines: return list([](uint32_t i) { return i == 0 ? "AMSI" : "ML"; });
