@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <system_error>
 
 #include "manager/BlockCache.h"
 #include "tarn/sql/ScanCache.h"
@@ -68,9 +69,13 @@ std::shared_ptr<SlicedScans> SlicedScans::Start(QueryClient& client, const TimeS
   std::vector<SecondRange> cut = slices.Cut(hull, BlocksPerSlice(blocks, scans.size(), threads));
   if (cut.size() < 2 && scans.size() == 1) return nullptr;
   std::shared_ptr<SlicedScans> sliced(new SlicedScans(client, std::move(scans), std::move(cut)));
-  for (unsigned i = 0; i < threads; ++i) sliced->workers_.emplace_back([s = sliced.get()] {
-    s->Work();
-  });
+  try {
+    for (unsigned i = 0; i < threads; ++i) {
+      sliced->workers_.emplace_back([s = sliced.get()] { s->Work(); });
+    }
+  } catch (const std::system_error&) {
+    return nullptr;  // no thread to be had: each scan is asked for in turn
+  }
   return sliced;
 }
 
