@@ -554,6 +554,16 @@ OUTPUTS = {
 }
 
 
+def write_files(directory, texts):
+    """Writes each file name's text into `directory`, each file replaced whole."""
+    os.makedirs(directory, exist_ok=True)
+    for file_name, text in texts.items():
+        path = os.path.join(directory, file_name)
+        with open(path + ".tmp", "w", encoding="utf-8") as f:
+            f.write(text)
+        os.replace(path + ".tmp", path)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--proto", required=True)
@@ -569,13 +579,7 @@ def main():
         return 1
     if args.check:
         return 0
-    os.makedirs(args.out, exist_ok=True)
-    for file_name, writer in OUTPUTS.items():
-        text = writer(tables)
-        path = os.path.join(args.out, file_name)
-        with open(path + ".tmp", "w", encoding="utf-8") as f:
-            f.write(text)
-        os.replace(path + ".tmp", path)
+    write_files(args.out, {name: writer(tables) for name, writer in OUTPUTS.items()})
     return 0
 
 

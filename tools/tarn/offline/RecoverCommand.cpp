@@ -127,18 +127,10 @@ bool BuildIndex(std::vector<ScannedFile>& files, Storage::Index& index, std::str
   return true;
 }
 
-
 int RunRecover(const std::string& store) {
-  if (!std::filesystem::is_directory(store)) {
-    PrintError("there is no store in " + store);
-    return 1;
-  }
   StoreLock lock;
+  if (!lock.AcquireClosed(store, "recover rebuilds the index of a closed store")) return 1;
   std::string error;
-  if (lock.Acquire(store, error) != StoreLock::Result::kLocked) {
-    PrintError(error + "; recover rebuilds the index of a closed store");
-    return 1;
-  }
   StoreListing listing;
   if (!ListStore(store, listing, error)) {
     PrintError(error);

@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "Keel/OS/Path.h"
 #include "manager/StorageManager.h"
+#include "tarn/cli/CommonOptions.h"
 
 namespace Tarn::Tool {
 
@@ -31,5 +33,16 @@ StoreLock::Result StoreLock::Acquire(const std::string& directory, std::string& 
 
 // Closing the file lets the lock go.
 void StoreLock::Release() { file_.Close(); }
+
+bool StoreLock::AcquireClosed(const std::string& directory, const std::string& doing) {
+  if (!std::filesystem::is_directory(directory)) {
+    PrintError("there is no store in " + directory);
+    return false;
+  }
+  std::string error;
+  if (Acquire(directory, error) == Result::kLocked) return true;
+  PrintError(error + "; " + doing);
+  return false;
+}
 
 }  // namespace Tarn::Tool

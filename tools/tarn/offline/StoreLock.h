@@ -26,6 +26,11 @@ class StoreLock {
   // file descriptor of its own, which this one would block.
   void Release();
 
+  // For a command that works on a closed store: `directory` must be a store
+  // that nothing holds. False after saying on standard error why not;
+  // `doing` ends the message ("verify reads a closed store").
+  bool AcquireClosed(const std::string& directory, const std::string& doing);
+
  private:
   Keel::OS::File file_;
 };

@@ -279,16 +279,8 @@ void Verifier::CheckFinal() {
 }
 
 int RunVerify(const std::string& store) {
-  if (!std::filesystem::is_directory(store)) {
-    PrintError("there is no store in " + store);
-    return 1;
-  }
   StoreLock lock;
-  std::string error;
-  if (lock.Acquire(store, error) != StoreLock::Result::kLocked) {
-    PrintError(error + "; verify reads a closed store");
-    return 1;
-  }
+  if (!lock.AcquireClosed(store, "verify reads a closed store")) return 1;
   return Verifier(store).Run();
 }
 

@@ -16,7 +16,6 @@ Standard library only (tomllib: Python 3.11).
 """
 
 import argparse
-import os
 import re
 import sys
 import tomllib
@@ -220,7 +219,7 @@ def main():
     parser.add_argument("--out", required=True, help="directory for the generated files")
     args = parser.parse_args()
     sys.path.insert(0, args.schema_dir)
-    from generate_tables import SchemaError, build_tables, parse_proto  # noqa: E402
+    from generate_tables import SchemaError, build_tables, parse_proto, write_files  # noqa: E402
     try:
         with open(args.proto, encoding="utf-8") as f:
             schema_tables = build_tables(parse_proto(f.read()))
@@ -235,15 +234,11 @@ def main():
         print("%s: %s" % (args.tables, error), file=sys.stderr)
         return 1
     vocabulary_rules = data["vocabulary"]["rules"]
-    os.makedirs(args.out, exist_ok=True)
-    for name, text in (
-            ("SyntheticPlan.h", write_header(stories, rules, vocabulary_rules, flag_options,
-                                             value_options)),
-            ("SyntheticPlan.cpp", write_source(plans, value_options))):
-        path = os.path.join(args.out, name)
-        with open(path + ".tmp", "w", encoding="utf-8") as f:
-            f.write(text)
-        os.replace(path + ".tmp", path)
+    write_files(args.out, {
+        "SyntheticPlan.h": write_header(stories, rules, vocabulary_rules, flag_options,
+                                        value_options),
+        "SyntheticPlan.cpp": write_source(plans, value_options),
+    })
     return 0
 
 
