@@ -85,9 +85,11 @@ std::string SummaryLine(const std::string& out, const std::string& start) {
 TEST_F(WindowsSample, EveryEventIsStoredOrCountedByChannelAndId) {
   const std::string& out = import_.out;
   EXPECT_EQ(SummaryLine(out, "windows events:"),
-            "windows events: 42,482 read, 38,099 stored in 18 tables, 4,383 without a table, "
+            "windows events: 42,482 read, 38,606 stored in 20 tables, 3,876 without a table, "
             "0 refused");
   EXPECT_EQ(SummaryLine(out, "  edr_process_read_memory"), "edr_process_read_memory 477");
+  EXPECT_EQ(SummaryLine(out, "  edr_process_privilege_request"),
+            "edr_process_privilege_request 349");
   EXPECT_EQ(SummaryLine(out, "  Microsoft-Windows-PowerShell/Operational 4105"),
             "Microsoft-Windows-PowerShell/Operational 4105 1,235");
   EXPECT_EQ(SummaryLine(out, "time span"),
@@ -129,6 +131,16 @@ TEST_F(WindowsSample, ConnectionsAreFoundByTheAddressesTheLogWrote) {
                 "FROM edr_network_generic_connect WHERE remote_ip = '192.168.1.1' LIMIT 1"),
             "local_ip,local_port,remote_ip,remote_port,protocol,direction\n"
             "192.168.1.43,52320,192.168.1.1,53,udp,2\n");
+  // The filtering platform let the same DNS query through (Security 5156):
+  // its Source is this host, Direction %%14593 outbound, Protocol 17.
+  EXPECT_EQ(Sql("SELECT local_ip, local_port, remote_ip, remote_port, protocol, direction, pid, "
+                "extra_values FROM edr_network_wfp_connection_status WHERE local_port = 52320"),
+            "local_ip,local_port,remote_ip,remote_port,protocol,direction,pid,extra_values\n"
+            "192.168.1.43,52320,192.168.1.1,53,udp,2,1124,"
+            "\"\\device\\harddiskvolume2\\windows\\system32\\svchost.exe,%%14611\"\n");
+  EXPECT_EQ(Sql("SELECT direction, count(*) AS n FROM edr_network_wfp_connection_status "
+                "GROUP BY 1"),
+            "direction,n\n1,34\n2,124\n");
   // Sysmon writes IPv6 addresses in full; the equality the store answers
   // takes that spelling as well as the row's.
   ToolRun run = RunIn(dir_->path(), {"query", "--store", dir_->File("store"), "--table",

@@ -260,6 +260,43 @@ constexpr FieldRule kTaskUpdated[] = {
     {"TaskContentNew", "new_target_processes", C::kTaskPrograms},
 };
 
+// A privileged service called: the account and the process that called it.
+// The privileges it used are named (PrivilegeList), which the table's bit
+// mask does not keep.
+constexpr FieldRule kPrivilegedService[] = {
+    {"ProcessId", "pid", C::kNumber},
+    {"SubjectUserName", "user_name"},
+    {"SubjectDomainName", "domain_name"},
+    {"SubjectUserSid", "user_sid"},
+};
+
+// The Windows Filtering Platform let a connection through. Its Source is
+// always this host's end; Direction says who called (%%14592 inbound,
+// %%14593 outbound, or the words).
+constexpr FieldRule kFilteredOut[] = {
+    {"ProcessID", "pid", C::kNumber},
+    {"SourceAddress", "local_ip", C::kAddress},
+    {"SourcePort", "local_port", C::kNumber},
+    {"DestAddress", "remote_ip", C::kAddress},
+    {"DestPort", "remote_port", C::kNumber},
+    {"Protocol", "protocol", C::kIpProtocol},
+    {"2", "direction", C::kConstant},  // outbound
+    {"Application", "", C::kExtra},
+    {"LayerName", "", C::kExtra},
+};
+
+constexpr FieldRule kFilteredIn[] = {
+    {"ProcessID", "pid", C::kNumber},
+    {"SourceAddress", "local_ip", C::kAddress},
+    {"SourcePort", "local_port", C::kNumber},
+    {"DestAddress", "remote_ip", C::kAddress},
+    {"DestPort", "remote_port", C::kNumber},
+    {"Protocol", "protocol", C::kIpProtocol},
+    {"1", "direction", C::kConstant},  // inbound
+    {"Application", "", C::kExtra},
+    {"LayerName", "", C::kExtra},
+};
+
 // ---- PowerShell -------------------------------------------------------------
 
 constexpr FieldRule kScriptBlock[] = {{"ScriptBlockText", "command"}};
@@ -293,6 +330,7 @@ constexpr EventRule kRules[] = {
     {kSecurity, 4625, {}, "edr_user_login", kLogonFailed},
     {kSecurity, 4634, {}, "edr_user_logout", kLogoff},
     {kSecurity, 4647, {}, "edr_user_logout", kLogoff},
+    {kSecurity, 4673, {}, "edr_process_privilege_request", kPrivilegedService},
     {kSecurity, 4688, {}, "edr_process_create", kSecurityProcessCreate},
     {kSecurity, 4689, {}, "edr_process_terminate", kSecurityProcessExit},
     {kSecurity, 4697, {}, "edr_service_added", kServiceInstalled},
@@ -308,6 +346,9 @@ constexpr EventRule kRules[] = {
     {kSecurity, 4738, {}, "edr_user_account_settings_change", kAccountChange},
     {kSecurity, 4740, {}, "edr_user_account_settings_change", kAccountChange},
     {kSecurity, 4781, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 5156, {"Direction", "%%14592"}, "edr_network_wfp_connection_status", kFilteredIn},
+    {kSecurity, 5156, {"Direction", "Inbound"}, "edr_network_wfp_connection_status", kFilteredIn},
+    {kSecurity, 5156, {}, "edr_network_wfp_connection_status", kFilteredOut},
     {kSystem, 7045, {}, "edr_service_added", kServiceInstalledSystem},
     {kPowerShell, 4103, {}, "edr_shell_command", kPipeline},
     {kPowerShell, 4104, {}, "edr_shell_command", kScriptBlock},

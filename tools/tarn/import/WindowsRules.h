@@ -36,6 +36,7 @@ enum class Convert : uint8_t {
   kStartType,     // a service start type, a number or in words: 0 to 4
   kTaskCommands,  // a task's XML: the command lines of its actions
   kTaskPrograms,  // a task's XML: the programs its actions run
+  kIpProtocol,    // an IP protocol number: "tcp", "udp", "icmp" as Sysmon writes them
   kExtra,         // appended to extra_keys and extra_values under its field's name
   kConstant,      // the rule's `field` is the value itself
 };

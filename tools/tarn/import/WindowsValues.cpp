@@ -177,6 +177,15 @@ std::string OffsetsOf(std::string_view command_line) {
   return out;
 }
 
+// The Windows Filtering Platform writes the IP protocol's number; Sysmon
+// its name.
+std::string ProtocolName(std::string_view number) {
+  if (number == "6") return "tcp";
+  if (number == "17") return "udp";
+  if (number == "1" || number == "58") return "icmp";
+  return std::string(number);
+}
+
 }  // namespace
 
 bool ReadNumber(std::string_view text, uint64_t& out) {
@@ -280,6 +289,7 @@ bool ToText(Convert convert, std::string_view text, std::string& out, std::strin
       return true;
     case Convert::kTaskCommands: out = TaskActions(text, true); return true;
     case Convert::kTaskPrograms: out = TaskActions(text, false); return true;
+    case Convert::kIpProtocol: out = ProtocolName(text); return true;
     default: return Refuse(error, "a text", text);
   }
 }
