@@ -369,6 +369,7 @@ TEST_F(TarnSql, ScansOnSeveralThreadsAnswerAsOneThreadDoes) {
       "SELECT * FROM edr_network_generic_connect LIMIT 7",
       "SELECT c.date_time, c.pid, p.process_name FROM edr_process_create c "
       "JOIN edr_process_create p ON p.puid = c.parent_puid",
+      "SELECT count(*), sum(a.pid + s.pid) FROM edr_amsi_buffer a, edr_shell_command s",
       "SELECT 'create', date_time, path FROM edr_file_create UNION ALL "
       "SELECT 'write', date_time, path FROM edr_file_write WHERE pid > 100 UNION ALL "
       "SELECT 'connect', date_time, remote_ip FROM edr_network_generic_connect",

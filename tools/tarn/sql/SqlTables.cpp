@@ -402,7 +402,7 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
     return Next(&c);
   }
   const int sliced = session.sliced != nullptr ? session.sliced->Find(key) : -1;
-  if (sliced >= 0 && stable.size() == all.size()) {
+  if (sliced >= 0 && stable.size() == all.size() && !repeated) {
     // The statement's workers have this scan: read it slice after slice.
     c.sliced = session.sliced;
     c.sliced_scan = static_cast<size_t>(sliced);
