@@ -8,6 +8,38 @@
 #include "tarn/cli/TextForms.h"
 
 namespace Tarn::Tool {
+namespace {
+
+// What was typed, read into the limits; false with `error` in words.
+bool ReadLimits(const LimitTexts& texts, StoreLimits& limits, std::string& error) {
+  if (!ReadMaxSize(texts.max_size, limits.max_size, error)) return false;
+  uint64_t bytes = 0;
+  if (!texts.block_size.empty()) {
+    if (!ParseSize(texts.block_size, bytes) || bytes > 0xFFFFFFFFu) {
+      error = "--block-size takes a size such as 256K or 10M, not \"" + texts.block_size + "\"";
+      return false;
+    }
+    limits.block_size = static_cast<uint32_t>(bytes);
+  }
+  if (texts.max_days != 0) limits.max_days = texts.max_days;
+  return CheckLimits(limits, error);
+}
+
+bool ReadQueryLimits(const QueryLimitTexts& texts, QueryLimits& limits, std::string& error) {
+  if (!texts.size_limit.empty()) {
+    uint64_t bytes = 0;
+    if (!ParseSize(texts.size_limit, bytes) || bytes > 0xFFFFFFFFu) {
+      error = "--size-limit takes a size such as 50M, not \"" + texts.size_limit + "\"";
+      return false;
+    }
+    limits.size_limit = static_cast<uint32_t>(bytes);
+  }
+  if (texts.row_limit != 0) limits.row_limit = texts.row_limit;
+  if (texts.aux_limit != 0) limits.aux_limit = texts.aux_limit;
+  return CheckQueryLimits(limits, error);
+}
+
+}  // namespace
 
 const char* const kOfflineNote =
     "Reads the store's files directly with the store's own format code, not through the "
@@ -42,19 +74,6 @@ bool ReadMaxSize(const std::string& text, std::optional<uint64_t>& bytes, std::s
   return true;
 }
 
-bool ReadLimits(const LimitTexts& texts, StoreLimits& limits, std::string& error) {
-  if (!ReadMaxSize(texts.max_size, limits.max_size, error)) return false;
-  uint64_t bytes = 0;
-  if (!texts.block_size.empty()) {
-    if (!ParseSize(texts.block_size, bytes) || bytes > 0xFFFFFFFFu) {
-      error = "--block-size takes a size such as 256K or 10M, not \"" + texts.block_size + "\"";
-      return false;
-    }
-    limits.block_size = static_cast<uint32_t>(bytes);
-  }
-  if (texts.max_days != 0) limits.max_days = texts.max_days;
-  return CheckLimits(limits, error);
-}
 
 void AddQueryLimits(CLI::App* command, QueryLimitTexts& limits, const std::string& unset) {
   command->add_option("--size-limit", limits.size_limit,
@@ -65,19 +84,6 @@ void AddQueryLimits(CLI::App* command, QueryLimitTexts& limits, const std::strin
                       "pages one query may take, 1 to 1,023; " + unset);
 }
 
-bool ReadQueryLimits(const QueryLimitTexts& texts, QueryLimits& limits, std::string& error) {
-  if (!texts.size_limit.empty()) {
-    uint64_t bytes = 0;
-    if (!ParseSize(texts.size_limit, bytes) || bytes > 0xFFFFFFFFu) {
-      error = "--size-limit takes a size such as 50M, not \"" + texts.size_limit + "\"";
-      return false;
-    }
-    limits.size_limit = static_cast<uint32_t>(bytes);
-  }
-  if (texts.row_limit != 0) limits.row_limit = texts.row_limit;
-  if (texts.aux_limit != 0) limits.aux_limit = texts.aux_limit;
-  return CheckQueryLimits(limits, error);
-}
 
 bool ReadHostOptions(HostOptions& host, const LimitTexts& texts) {
   host.store = AbsoluteStore(host.store);

@@ -29,8 +29,6 @@ struct LimitTexts {
   uint32_t max_days = 0;
 };
 void AddLimits(CLI::App* command, LimitTexts& limits);
-// Reads what was typed into `limits`; false with `error` in words.
-bool ReadLimits(const LimitTexts& texts, StoreLimits& limits, std::string& error);
 // A --max-size as typed; left unset when not given.
 bool ReadMaxSize(const std::string& text, std::optional<uint64_t>& bytes, std::string& error);
 
@@ -42,7 +40,6 @@ struct QueryLimitTexts {
 };
 // `unset` says what a limit not given means for this command.
 void AddQueryLimits(CLI::App* command, QueryLimitTexts& limits, const std::string& unset);
-bool ReadQueryLimits(const QueryLimitTexts& texts, QueryLimits& limits, std::string& error);
 
 // The checks every command that opens a store through the module makes
 // before it runs: the store's path made absolute, and the limits read. False

@@ -58,9 +58,10 @@ std::shared_ptr<SlicedScans> SlicedScans::Start(QueryClient& client, const TimeS
     return range.first > range.last;
   });
   if (scans.empty()) return nullptr;
+  std::vector<SecondRange> ranges;
   SecondRange hull{kOpenEnd, 0};
   for (const PlannedScan& scan : scans) {
-    const SecondRange range = RangeOf(scan);
+    const SecondRange& range = ranges.emplace_back(RangeOf(scan));
     hull.first = std::min(hull.first, range.first);
     hull.last = std::max(hull.last, range.last);
   }
@@ -68,7 +69,8 @@ std::shared_ptr<SlicedScans> SlicedScans::Start(QueryClient& client, const TimeS
   if (blocks < 2 && scans.size() == 1) return nullptr;
   std::vector<SecondRange> cut = slices.Cut(hull, BlocksPerSlice(blocks, scans.size(), threads));
   if (cut.size() < 2 && scans.size() == 1) return nullptr;
-  std::shared_ptr<SlicedScans> sliced(new SlicedScans(client, std::move(scans), std::move(cut)));
+  std::shared_ptr<SlicedScans> sliced(
+      new SlicedScans(client, std::move(scans), ranges, std::move(cut)));
   try {
     for (unsigned i = 0; i < threads; ++i) {
       sliced->workers_.emplace_back([s = sliced.get()] { s->Work(); });
@@ -80,16 +82,15 @@ std::shared_ptr<SlicedScans> SlicedScans::Start(QueryClient& client, const TimeS
 }
 
 SlicedScans::SlicedScans(QueryClient& client, std::vector<PlannedScan> scans,
-                         std::vector<SecondRange> slices)
+                         const std::vector<SecondRange>& ranges, std::vector<SecondRange> slices)
     : client_(client), scans_(std::move(scans)), slices_(std::move(slices)) {
   parts_.resize(slices_.size());
   for (size_t j = 0; j < slices_.size(); ++j) {
-    for (const PlannedScan& scan : scans_) {
+    for (size_t i = 0; i < scans_.size(); ++i) {
       auto part = std::make_shared<SlicePart>();
-      const SecondRange range = RangeOf(scan);
-      const SecondRange slice{std::max(range.first, slices_[j].first),
-                              std::min(range.last, slices_[j].last)};
-      part->request = SliceRequest(scan, slice);
+      const SecondRange slice{std::max(ranges[i].first, slices_[j].first),
+                              std::min(ranges[i].last, slices_[j].last)};
+      part->request = SliceRequest(scans_[i], slice);
       // Outside the scan's own time, or no row can match: nothing to ask.
       if (slice.first > slice.last || part->request.table.empty()) {
         part->state = SlicePart::State::kDone;
@@ -160,6 +161,27 @@ void SlicedScans::Fetch(SlicePart& part) {
   }
 }
 
+void SlicedScans::Run(std::unique_lock<std::mutex>& lock, SlicePart& part) {
+  part.state = SlicePart::State::kRunning;
+  lock.unlock();
+  Fetch(part);
+  lock.lock();
+  part.state = part.error.empty() ? SlicePart::State::kDone : SlicePart::State::kFailed;
+  held_bytes_ += part.bytes;
+  changed_.notify_all();
+}
+
+std::shared_ptr<SlicePart> SlicedScans::HandOver(size_t slice, size_t scan) {
+  std::shared_ptr<SlicePart> part = parts_[slice][scan];
+  auto taken = std::make_shared<SlicePart>();
+  taken->state = SlicePart::State::kTaken;
+  taken->request = part->request;
+  parts_[slice][scan] = taken;
+  held_bytes_ -= part->bytes;
+  changed_.notify_all();
+  return part;
+}
+
 void SlicedScans::Work() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
@@ -171,13 +193,7 @@ void SlicedScans::Work() {
     // Every scan of the slice in turn, while its blocks are in the cache.
     for (const std::shared_ptr<SlicePart>& part : parts_[slice]) {
       if (part->state != SlicePart::State::kWaiting) continue;
-      part->state = SlicePart::State::kRunning;
-      lock.unlock();
-      Fetch(*part);
-      lock.lock();
-      part->state = part->error.empty() ? SlicePart::State::kDone : SlicePart::State::kFailed;
-      held_bytes_ += part->bytes;
-      changed_.notify_all();
+      Run(lock, *part);
       if (stop_) return;
     }
   }
@@ -193,52 +209,30 @@ std::shared_ptr<SlicePart> SlicedScans::Take(size_t scan, size_t slice) {
     return held->state != SlicePart::State::kRunning &&
            (held->state != SlicePart::State::kWaiting || stop_ || held_bytes_ >= kBudget);
   });
-  std::shared_ptr<SlicePart> part = held;
-  if (part->state == SlicePart::State::kTaken) return part;
+  if (held->state == SlicePart::State::kTaken) return held;
   // From now on the part is the caller's: its rows, or its query to stream.
-  auto taken = std::make_shared<SlicePart>();
-  taken->state = SlicePart::State::kTaken;
-  taken->request = part->request;
-  held = taken;
-  held_bytes_ -= part->bytes;
-  changed_.notify_all();
-  return part->state == SlicePart::State::kWaiting ? taken : part;
+  std::shared_ptr<SlicePart> part = HandOver(slice, scan);
+  return part->state == SlicePart::State::kWaiting ? parts_[slice][scan] : part;
 }
 
 std::shared_ptr<KeptScan> SlicedScans::Whole(size_t scan, std::string& error) {
-  std::vector<std::shared_ptr<SlicePart>> parts;
   for (size_t slice = 0; slice < slices_.size(); ++slice) {
     std::unique_lock<std::mutex> lock(mutex_);
     std::shared_ptr<SlicePart> part = parts_[slice][scan];
     if (part->state == SlicePart::State::kTaken) return nullptr;
-    if (part->state == SlicePart::State::kWaiting) {
-      part->state = SlicePart::State::kRunning;  // no worker took it: ask here
-      lock.unlock();
-      Fetch(*part);
-      lock.lock();
-      part->state = part->error.empty() ? SlicePart::State::kDone : SlicePart::State::kFailed;
-      held_bytes_ += part->bytes;
-      changed_.notify_all();
-    }
+    if (part->state == SlicePart::State::kWaiting) Run(lock, *part);  // no worker took it
     changed_.wait(lock, [&part] { return part->state != SlicePart::State::kRunning; });
     if (part->state == SlicePart::State::kFailed) {
       error = part->error;
       return nullptr;
     }
-    parts.push_back(part);
   }
   auto whole = std::make_shared<KeptScan>();
   std::lock_guard<std::mutex> lock(mutex_);
   for (size_t slice = 0; slice < slices_.size(); ++slice) {
-    SlicePart& part = *parts[slice];
-    for (QueryAnswer& answer : part.answers) whole->Add(std::move(answer));
-    held_bytes_ -= part.bytes;
-    auto taken = std::make_shared<SlicePart>();
-    taken->state = SlicePart::State::kTaken;
-    taken->request = part.request;
-    parts_[slice][scan] = taken;
+    const std::shared_ptr<SlicePart> part = HandOver(slice, scan);
+    for (QueryAnswer& answer : part->answers) whole->Add(std::move(answer));
   }
-  changed_.notify_all();
   return whole;
 }
 

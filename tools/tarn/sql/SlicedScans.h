@@ -86,9 +86,16 @@ class SlicedScans {
   std::shared_ptr<KeptScan> Whole(size_t scan, std::string& error);
 
  private:
+  // `ranges`: each scan's own seconds.
   SlicedScans(QueryClient& client, std::vector<PlannedScan> scans,
-              std::vector<SecondRange> slices);
+              const std::vector<SecondRange>& ranges, std::vector<SecondRange> slices);
   void Work();
+  // Asks for a waiting part with `lock` let go meanwhile, and records what
+  // came back.
+  void Run(std::unique_lock<std::mutex>& lock, SlicePart& part);
+  // Hands a part to the caller (its rows leave the budget) and leaves a
+  // taken one, with its query, in its place. Under the mutex.
+  std::shared_ptr<SlicePart> HandOver(size_t slice, size_t scan);
   // Asks every page of the part's query; the part's answers or error.
   void Fetch(SlicePart& part);
   QueryRequest SliceRequest(const PlannedScan& scan, SecondRange slice) const;

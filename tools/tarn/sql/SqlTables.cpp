@@ -409,34 +409,34 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
     c.next_slice = 0;
     return Next(&c);
   }
-  if (sliced >= 0 && (repeated || joined) && session.too_big.count(key) == 0) {
-    std::string error;
-    if (std::shared_ptr<KeptScan> scan = session.sliced->Whole(sliced, error)) {
-      ++session.stats.kept_scans;
-      session.stats.kept_bytes += scan->Bytes();
-      session.kept.emplace(key, scan);
-      ServeKept(c, std::move(scan), plan, values, fixed);
-      return Next(&c);
-    }
-    if (!error.empty()) {
-      table.SetError(table.table->name + std::string(": ") + error);
-      return SQLITE_ERROR;
-    }
-  }
   if ((repeated || joined) && session.too_big.count(key) == 0) {
-    QueryRequest request;
-    request.table = table.table->name;
-    request.columns = columns;
-    request.constraints = base.json;
+    // Every row of the stable terms, kept: the statement's workers' slices
+    // when they have them all, else one query of every page.
+    std::shared_ptr<KeptScan> scan;
     bool fits = true;
-    if (std::shared_ptr<KeptScan> scan = KeepScan(table, request, fits)) {
+    if (sliced >= 0) {
+      std::string error;
+      scan = session.sliced->Whole(sliced, error);
+      if (!error.empty()) {
+        table.SetError(table.table->name + std::string(": ") + error);
+        return SQLITE_ERROR;
+      }
+    }
+    if (scan == nullptr) {
+      QueryRequest request;
+      request.table = table.table->name;
+      request.columns = columns;
+      request.constraints = base.json;
+      scan = KeepScan(table, request, fits);
+      if (scan == nullptr && fits) return SQLITE_ERROR;
+    }
+    if (scan != nullptr) {
       ++session.stats.kept_scans;
       session.stats.kept_bytes += scan->Bytes();
       session.kept.emplace(key, scan);
       ServeKept(c, std::move(scan), plan, values, fixed);
       return Next(&c);
     }
-    if (fits) return SQLITE_ERROR;
     session.too_big.insert(key);  // streamed every time from now on
   }
   c.request = QueryRequest();
