@@ -15,8 +15,8 @@
 #include "Keel/Collections/Array.h"
 #include "Keel/Collections/Buffer.h"
 #include "Keel/OS/File.h"
-#include "manager/DayFile.h"
-#include "manager/EventsBlock.h"
+#include "manager/format/DayFile.h"
+#include "manager/format/EventsBlock.h"
 #include "samples/EventLikeRecords.h"
 
 namespace {

@@ -32,9 +32,9 @@
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/DynamicEventBuilder.h"
 #include "Tarn/Storage/ITimeProvider.h"
-#include "manager/Settings.h"
-#include "manager/StorageManager.h"
-#include "manager/StorageTelemetry.h"
+#include "manager/writer/Settings.h"
+#include "manager/writer/StorageManager.h"
+#include "manager/telemetry/StorageTelemetry.h"
 
 namespace {
 

@@ -19,8 +19,8 @@
 #include "Keel/Collections/Buffer.h"
 #include "Tarn/Events/GenericEventHolder.h"
 #include "common/BenchStore.h"
-#include "manager/EventStorageProvider.h"
-#include "manager/EventsBlock.h"
+#include "manager/reader/EventStorageProvider.h"
+#include "manager/format/EventsBlock.h"
 
 namespace {
 

@@ -13,12 +13,12 @@
 #include "Keel/Collections/Buffer.h"
 #include "Keel/OS/FileSystem.h"
 #include "Tarn/Storage/ITimeProvider.h"
-#include "manager/EventStorageProvider.h"
-#include "manager/EventsBlock.h"
-#include "manager/FinalFile.h"
-#include "manager/StorageHelper.h"
-#include "manager/StorageManager.h"
-#include "manager/TimeIndex.h"
+#include "manager/reader/EventStorageProvider.h"
+#include "manager/format/EventsBlock.h"
+#include "manager/format/FinalFile.h"
+#include "manager/format/StorageHelper.h"
+#include "manager/writer/StorageManager.h"
+#include "manager/index/TimeIndex.h"
 
 namespace {
 

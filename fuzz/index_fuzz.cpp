@@ -13,7 +13,7 @@
 #include "FuzzSupport.h"
 #include "Keel/Utils/String.h"
 #include "Keel/Utils/TreeContainer.h"
-#include "manager/Index.h"
+#include "manager/index/Index.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "Tarn/Events/Base.h"
-#include "manager/Settings.h"
+#include "manager/writer/Settings.h"
 
 namespace Tarn::Bench {
 

@@ -15,9 +15,9 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "Tarn/Storage/ITimeProvider.h"
-#include "manager/EventStorageProvider.h"
-#include "manager/StorageManager.h"
-#include "manager/TimeIndex.h"
+#include "manager/reader/EventStorageProvider.h"
+#include "manager/writer/StorageManager.h"
+#include "manager/index/TimeIndex.h"
 
 namespace Tarn::Bench {
 

@@ -5,9 +5,9 @@
 
 #include "Tarn/Comm/IStorageSender.h"
 #include "Tarn/Module/Interface.h"
-#include "manager/EventStorageProvider.h"
-#include "manager/Settings.h"
-#include "manager/StorageManager.h"
+#include "manager/reader/EventStorageProvider.h"
+#include "manager/writer/Settings.h"
+#include "manager/writer/StorageManager.h"
 #include "module/DefaultTimeProvider.h"
 #include "osquery/QueryService.h"
 

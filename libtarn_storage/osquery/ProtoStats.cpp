@@ -10,7 +10,7 @@
 #include "Keel/OS/File.h"
 #include "Keel/Utils/TreeContainer.h"
 #include "Tarn/Events/EventHeader.h"
-#include "manager/EventStorageProvider.h"
+#include "manager/reader/EventStorageProvider.h"
 #include "osquery/Columns.h"
 #include "osquery/Converter.h"
 #include "osquery/Tables.h"

@@ -2,7 +2,7 @@
 
 #include "Keel/Log.h"
 #include "Tarn/Events/EventHeader.h"
-#include "manager/EventStorageProvider.h"
+#include "manager/reader/EventStorageProvider.h"
 #include "osquery/Matcher.h"
 #include "osquery/Tables.h"
 

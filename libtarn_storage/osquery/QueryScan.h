@@ -4,7 +4,7 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "Tarn/Events/Base.h"
-#include "manager/Settings.h"
+#include "manager/writer/Settings.h"
 #include "osquery/AddRow.h"
 #include "osquery/Columns.h"
 #include "osquery/ConstraintsList.h"

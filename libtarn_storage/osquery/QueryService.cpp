@@ -8,8 +8,8 @@
 
 #include "Keel/Log.h"
 #include "Tarn/Events/ExternalData.h"
-#include "manager/EventStorageProvider.h"
-#include "manager/StorageManager.h"
+#include "manager/reader/EventStorageProvider.h"
+#include "manager/writer/StorageManager.h"
 #include "osquery/Columns.h"
 #include "osquery/ConstraintsList.h"
 #include "osquery/MsgBusMock.h"

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "manager/Settings.h"
-#include "manager/TableStatistics.h"
+#include "manager/writer/Settings.h"
+#include "manager/reader/TableStatistics.h"
 
 namespace hx::MessageBus {
 class Msg;

@@ -4,7 +4,7 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "hx/MessageBus/Msg.h"
-#include "manager/Settings.h"
+#include "manager/writer/Settings.h"
 #include "osquery/ResponseBuffer.h"
 
 namespace Tarn::Storage::OSQuery {

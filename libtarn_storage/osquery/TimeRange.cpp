@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "Keel/Log.h"
-#include "manager/EventStorageProvider.h"
+#include "manager/reader/EventStorageProvider.h"
 #include "osquery/NameHash.h"
 #include "osquery/ResponseBuffer.h"
 

@@ -6,7 +6,7 @@
 
 #include "Keel/Collections/Array.h"
 #include "Keel/Collections/Buffer.h"
-#include "manager/EventsBlock.h"
+#include "manager/format/EventsBlock.h"
 
 namespace Tarn::Storage::test {
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "manager/Index.h"
+#include "manager/index/Index.h"
 #include "reader_fixture.h"
 
 namespace Tarn::Storage {

@@ -1,4 +1,4 @@
-#include "manager/DayFile.h"
+#include "manager/format/DayFile.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 
 #include "Keel/OS/FaultInjection.h"
 #include "Keel/OS/File.h"
-#include "manager/StorageHelper.h"
+#include "manager/format/StorageHelper.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 

@@ -1,11 +1,11 @@
-#include "manager/DayInfo.h"
+#include "manager/index/DayInfo.h"
 
 #include <gtest/gtest.h>
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/Collections/RedBlackTree.h"
 #include "Keel/Collections/StreamBuffer.h"
-#include "manager/RawIterator.h"
+#include "manager/index/RawIterator.h"
 #include "support/log_capture.h"
 
 namespace Tarn::Storage {

@@ -1,4 +1,4 @@
-#include "manager/EventsBlock.h"
+#include "manager/format/EventsBlock.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include "Keel/OS/FaultInjection.h"
 #include "Keel/OS/File.h"
 #include "block_samples.h"
-#include "manager/DayFile.h"
+#include "manager/format/DayFile.h"
 #include "Tarn/Events/Record.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"

@@ -3,7 +3,7 @@
 // fault_sweep_test.cpp; arbitrary files are classified against a plain
 // reading of the format in fuzz/final_fuzz.cpp.
 
-#include "manager/FinalFile.h"
+#include "manager/format/FinalFile.h"
 
 #include <gtest/gtest.h>
 
@@ -13,8 +13,8 @@
 #include "Keel/Collections/Buffer.h"
 #include "Keel/OS/FaultInjection.h"
 #include "block_samples.h"
-#include "manager/EventsBlock.h"
-#include "manager/StorageHelper.h"
+#include "manager/format/EventsBlock.h"
+#include "manager/format/StorageHelper.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 

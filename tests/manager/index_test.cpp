@@ -2,7 +2,7 @@
 // or are cut short. Arbitrary files, loaded, saved and loaded again, are held
 // against a plain reading of the format in fuzz/index_fuzz.cpp.
 
-#include "manager/Index.h"
+#include "manager/index/Index.h"
 
 #include <gtest/gtest.h>
 

@@ -14,9 +14,9 @@
 #include "Keel/OS/FaultInjection.h"
 #include "Keel/OS/Time.h"
 #include "Tarn/Events/Base.h"
-#include "manager/EventStorageProvider.h"
-#include "manager/StorageHelper.h"
-#include "manager/StorageManager.h"
+#include "manager/reader/EventStorageProvider.h"
+#include "manager/format/StorageHelper.h"
+#include "manager/writer/StorageManager.h"
 #include "support/store_fixture.h"
 #include "support/temp_dir.h"
 

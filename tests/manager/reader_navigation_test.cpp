@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "manager/TimeIndex.h"
+#include "manager/index/TimeIndex.h"
 #include "reader_fixture.h"
 #include "support/log_capture.h"
 

@@ -1,4 +1,4 @@
-#include "manager/Settings.h"
+#include "manager/writer/Settings.h"
 
 #include <gtest/gtest.h>
 

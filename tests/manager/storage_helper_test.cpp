@@ -1,4 +1,4 @@
-#include "manager/StorageHelper.h"
+#include "manager/format/StorageHelper.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 // fault_sweep_test.cpp; invalid settings, at creation and in updates, in
 // module/module_host_test.cpp.
 
-#include "manager/StorageManager.h"
+#include "manager/writer/StorageManager.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@
 #include "Keel/OS/FaultInjection.h"
 #include "Keel/OS/FileSystem.h"
 #include "Tarn/Events/Base.h"
-#include "manager/StorageHelper.h"
+#include "manager/format/StorageHelper.h"
 #include "support/log_capture.h"
 #include "support/store_fixture.h"
 #include "support/temp_dir.h"

@@ -1,4 +1,4 @@
-#include "manager/StorageTelemetry.h"
+#include "manager/telemetry/StorageTelemetry.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -15,7 +15,7 @@
 #include "Tarn/Module/EntryPoints.h"
 #include "Tarn/Module/HostServices.h"
 #include "Tarn/Module/MapConfigReader.h"
-#include "manager/StorageManager.h"
+#include "manager/writer/StorageManager.h"
 #include "module/ConfigKeys.h"
 #include "support/store_fixture.h"
 #include "support/temp_dir.h"

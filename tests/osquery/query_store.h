@@ -12,8 +12,8 @@
 
 #include "Tarn/Events/Base.h"
 #include "hx/MessageBus/Msg.h"
-#include "manager/EventStorageProvider.h"
-#include "manager/StorageManager.h"
+#include "manager/reader/EventStorageProvider.h"
+#include "manager/writer/StorageManager.h"
 #include "osquery/Query.h"
 #include "osquery/QueryService.h"
 #include "row_model.h"

@@ -20,7 +20,7 @@
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/GenericEventHolder.h"
 #include "Tarn/Events/StorageQuery.h"
-#include "manager/EventsBlock.h"
+#include "manager/format/EventsBlock.h"
 #include "osquery/QueryService.h"
 #include "query_store.h"
 #include "support/row_columns.h"

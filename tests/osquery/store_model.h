@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "manager/RawIterator.h"
+#include "manager/index/RawIterator.h"
 #include "osquery/TimeRange.h"
 #include "row_model.h"
 

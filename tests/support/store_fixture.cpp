@@ -7,12 +7,12 @@
 #include "Keel/OS/File.h"
 #include "Keel/OS/FileSystem.h"
 #include "Keel/OS/Path.h"
-#include "manager/EventsBlock.h"
-#include "manager/FinalFile.h"
-#include "manager/Index.h"
-#include "manager/Settings.h"
-#include "manager/StorageHelper.h"
-#include "manager/StorageHelper.h"
+#include "manager/format/EventsBlock.h"
+#include "manager/format/FinalFile.h"
+#include "manager/index/Index.h"
+#include "manager/writer/Settings.h"
+#include "manager/format/StorageHelper.h"
+#include "manager/format/StorageHelper.h"
 
 namespace tarn::test {
 

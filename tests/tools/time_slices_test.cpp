@@ -6,10 +6,10 @@
 
 #include <vector>
 
-#include "manager/DayInfo.h"
-#include "manager/Index.h"
-#include "manager/Settings.h"
-#include "manager/TimeIndex.h"
+#include "manager/index/DayInfo.h"
+#include "manager/index/Index.h"
+#include "manager/writer/Settings.h"
+#include "manager/index/TimeIndex.h"
 #include "support/temp_dir.h"
 #include "tarn/sql/TimeSlices.h"
 

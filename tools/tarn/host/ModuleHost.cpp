@@ -10,7 +10,7 @@
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/DynamicEventBuilder.h"
 #include "Tarn/Events/ExternalData.h"
-#include "manager/Settings.h"
+#include "manager/writer/Settings.h"
 #include "module/ConfigKeys.h"
 #include "tarn/host/HostLog.h"
 #include "tarn/host/ReplayClock.h"

@@ -10,7 +10,7 @@
 #include "Tarn/Events/QueryRecord.h"
 #include "generated/RowPrototype.h"
 #include "hx/MessageBus/Msg.h"
-#include "manager/Settings.h"
+#include "manager/writer/Settings.h"
 #include "module/ConfigKeys.h"
 #include "osquery/ContinuationToken.h"
 #include "osquery/ResponseBuffer.h"

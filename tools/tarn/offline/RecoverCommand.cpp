@@ -8,8 +8,8 @@
 #include <map>
 
 #include "Keel/Utils/String.h"
-#include "manager/Settings.h"
-#include "manager/TimeIndex.h"
+#include "manager/writer/Settings.h"
+#include "manager/index/TimeIndex.h"
 #include "tarn/cli/Command.h"
 #include "tarn/cli/CommonOptions.h"
 #include "tarn/cli/Progress.h"

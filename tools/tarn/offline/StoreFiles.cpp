@@ -6,10 +6,10 @@
 
 #include "Keel/OS/FileSystem.h"
 #include "Keel/Utils/String.h"
-#include "manager/FinalFile.h"
-#include "manager/Settings.h"
-#include "manager/StorageHelper.h"
-#include "manager/TimeIndex.h"
+#include "manager/format/FinalFile.h"
+#include "manager/writer/Settings.h"
+#include "manager/format/StorageHelper.h"
+#include "manager/index/TimeIndex.h"
 
 namespace Tarn::Tool {
 

@@ -10,10 +10,10 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/OS/File.h"
-#include "manager/DayFile.h"
-#include "manager/DayFileReader.h"
-#include "manager/EventsBlock.h"
-#include "manager/Index.h"
+#include "manager/format/DayFile.h"
+#include "manager/format/DayFileReader.h"
+#include "manager/format/EventsBlock.h"
+#include "manager/index/Index.h"
 
 namespace Tarn::Tool {
 

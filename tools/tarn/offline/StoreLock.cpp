@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "Keel/OS/Path.h"
-#include "manager/StorageManager.h"
+#include "manager/writer/StorageManager.h"
 #include "tarn/cli/CommonOptions.h"
 
 namespace Tarn::Tool {

@@ -7,9 +7,9 @@
 #include <nlohmann/json.hpp>
 
 #include "Tarn/Events/Base.h"
-#include "manager/FinalFile.h"
-#include "manager/StorageHelper.h"
-#include "manager/TimeIndex.h"
+#include "manager/format/FinalFile.h"
+#include "manager/format/StorageHelper.h"
+#include "manager/index/TimeIndex.h"
 #include "osquery/Tables.h"
 #include "tarn/cli/TextForms.h"
 

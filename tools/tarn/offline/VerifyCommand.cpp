@@ -6,8 +6,8 @@
 
 #include "Tarn/Events/EventHeader.h"
 #include "Tarn/Events/Record.h"
-#include "manager/FinalFile.h"
-#include "manager/StorageHelper.h"
+#include "manager/format/FinalFile.h"
+#include "manager/format/StorageHelper.h"
 #include "osquery/Tables.h"
 #include "tarn/cli/Command.h"
 #include "tarn/cli/CommonOptions.h"

@@ -4,7 +4,7 @@
 #include <limits>
 #include <system_error>
 
-#include "manager/BlockCache.h"
+#include "manager/reader/BlockCache.h"
 #include "tarn/sql/ScanCache.h"
 
 namespace Tarn::Tool {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "manager/TimeIndex.h"
+#include "manager/index/TimeIndex.h"
 #include "tarn/offline/StoreFiles.h"
 
 namespace Tarn::Tool {
