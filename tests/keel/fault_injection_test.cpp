@@ -148,7 +148,12 @@ TEST_F(FaultTest, PowerCutUndoesEverythingSinceTheLastGoodFlush) {
   ASSERT_TRUE(file.Append("ETRN", 4));
   ASSERT_TRUE(file.Append("block1", 6));
   ASSERT_TRUE(file.Flush());
+  // Its bytes are durable, its name not until the directory is synced.
+  EXPECT_EQ(1u, Faults::PendingFiles());
+  ASSERT_TRUE(FileSystem::SyncDirectory(Path("")));
   EXPECT_EQ(0u, Faults::PendingFiles());
+  File flushed_unsynced = OpenNew("storage.00003.000.db");
+  ASSERT_TRUE(flushed_unsynced.Write("ETRN", 4) && flushed_unsynced.Flush());
   ASSERT_TRUE(file.Append("block2", 6));
   Faults::AddRule({"storage.00001", Faults::Flush, 1, Faults::Eio, 1});
   EXPECT_FALSE(file.Flush());
@@ -158,11 +163,12 @@ TEST_F(FaultTest, PowerCutUndoesEverythingSinceTheLastGoodFlush) {
   }
   File lock;
   ASSERT_TRUE(lock.Open(Path("storage.lock"), File::Mode::OpenOrCreate));
-  EXPECT_EQ(2u, Faults::PendingFiles());
+  EXPECT_EQ(3u, Faults::PendingFiles());
 
   Faults::SimulatePowerCut();
   EXPECT_EQ("ETRNblock1", ReadWholeFile(day));
   EXPECT_FALSE(FileSystem::Exists(Path("storage.00002.000.db")));
+  EXPECT_FALSE(FileSystem::Exists(Path("storage.00003.000.db")));
   EXPECT_TRUE(FileSystem::Exists(Path("storage.lock")));
   EXPECT_EQ(0u, Faults::PendingFiles());
 

@@ -12,6 +12,8 @@
 #include "Tarn/Events/Base.h"
 #include "Tarn/Events/StorageQuery.h"
 #include "manager/format/DayFile.h"
+#include "manager/format/EventsBlock.h"
+#include "manager/reader/EventStorageProvider.h"
 #include "manager/index/Index.h"
 #include "manager/format/StorageHelper.h"
 #include "manager/writer/StorageManager.h"
@@ -81,22 +83,6 @@ class CrashRecoveryTest : public ::testing::Test {
   uint32_t next_tag_ = 0;
 };
 
-TEST_F(CrashRecoveryTest, IndexedBlockPastTheEndOfItsFileIsDroppedWithLaterOnes) {
-  ASSERT_TRUE(Open());
-  ASSERT_TRUE(Write(9000, 3));
-  const uint64_t first_end = SizeOf(DayFile(9000));
-  ASSERT_TRUE(Write(9000, 3));
-  ASSERT_TRUE(Write(9000, 3));
-  manager_.reset();
-  // The file lost its last two blocks; the index still names them.
-  std::string bytes = ReadWholeFile(DayFile(9000));
-  WriteWholeFile(DayFile(9000), bytes.substr(0, first_end + 30));
-
-  ASSERT_TRUE(Open());
-  EXPECT_EQ(Indexed().size(), 3u);
-  EXPECT_EQ(SizeOf(DayFile(9000)), first_end);
-}
-
 TEST_F(CrashRecoveryTest, LostIndexKeepsTheDataAndItsBytesCountTowardTheBudget) {
   ASSERT_TRUE(Open());
   ASSERT_TRUE(Write(9000, 5));
@@ -141,18 +127,30 @@ TEST_F(CrashRecoveryTest, DayFileWithAForeignHeaderIsNotTrusted) {
   EXPECT_EQ(tarn::test::TagOf(events[0].record), 2u);
 }
 
-TEST_F(CrashRecoveryTest, AnIoErrorOnADayFileFailsTheBlockAndKeepsTheDay) {
+TEST_F(CrashRecoveryTest, ADayFileThatKeepsFailingGoesAsideAndTheDayGoesOn) {
   ASSERT_TRUE(Open());
   ASSERT_TRUE(Write(9000, 3));
-  manager_.reset();
-  ASSERT_TRUE(Open());
+  // One failure passes: the block is stored and nothing moves.
   for (uint32_t operation : {Faults::Open, Faults::Stat, Faults::Read}) {
     int id = Faults::AddRule({"storage.09000", operation, 1, Faults::Eio, 1});
-    EXPECT_FALSE(Write(9000, 1)) << operation;  // the lost block is reported
+    EXPECT_TRUE(Write(9000, 1)) << operation;
     Faults::RemoveRule(id);
   }
-  ASSERT_TRUE(Write(9000, 1));
-  EXPECT_EQ(IndexedDays()[9000], 4u);
+  EXPECT_EQ(IndexedDays()[9000], 6u);
+  // One that stays (a file another program locks): the file goes aside with
+  // its blocks, for the recover tool, and the day goes on in a new file.
+  int id = Faults::AddRule({DayFile(9000), Faults::Open, 1, Faults::Eio, Faults::Rule::kForever,
+                            /*follows_file=*/true});
+  ASSERT_TRUE(Write(9000, 2));
+  Faults::RemoveRule(id);
+  EXPECT_EQ(IndexedDays()[9000], 2u);
+  const std::string aside = DayFile(9000) + Utils::kAsideSuffix;
+  ASSERT_TRUE(FS::Exists(aside));
+  EXPECT_EQ(manager_->TotalOnDiskSize(), SizeOf(DayFile(9000)) + SizeOf(aside));
+  manager_.reset();
+  ASSERT_TRUE(Open());
+  EXPECT_EQ(IndexedDays()[9000], 2u);
+  EXPECT_EQ(manager_->TotalOnDiskSize(), SizeOf(DayFile(9000)) + SizeOf(aside));
 }
 
 TEST_F(CrashRecoveryTest, ADayFileThatWillNotGoDoesNotStopLaterDays) {
@@ -212,59 +210,179 @@ TEST_F(CrashRecoveryTest, LooseFilesDoNotLetTheIndexPassItsDayLimit) {
   EXPECT_FALSE(FS::Exists(DayFile(8990)));
 }
 
-TEST_F(CrashRecoveryTest, AFailedStepFailsCreation) {
+TEST_F(CrashRecoveryTest, NoStoreFileThatFailsStopsTheStart) {
   ASSERT_TRUE(Open());
   ASSERT_TRUE(Write(9000, 2));
+  ASSERT_TRUE(Write(9001, 2));
   manager_.reset();
-  settings_.reset_mode = 1;
-  int id = Fail(DayFile(9000), Faults::Delete);  // a wipe that cannot finish
-  EXPECT_FALSE(Open());
-  Faults::RemoveRule(id);
-  settings_.reset_mode = 0;
-  Fail(dir_.path(), Faults::List);  // a store that cannot see its files
-  EXPECT_FALSE(Open());
-  Faults::ClearRules();
+  // A store that cannot list its directory reaches the files its index names.
+  int id = Fail(dir_.path(), Faults::List);
   ASSERT_TRUE(Open());
+  EXPECT_EQ(IndexedDays(), (std::map<uint16_t, uint32_t>{{9000, 2}, {9001, 2}}));
+  ASSERT_TRUE(Write(9001, 1));
+  manager_.reset();
+  Faults::RemoveRule(id);
+  // One whose size cannot be read goes aside, still counted.
+  id = Faults::AddRule({DayFile(9000), Faults::Stat, 1, Faults::Eio, Faults::Rule::kForever,
+                        /*follows_file=*/true});
+  ASSERT_TRUE(Open());
+  Faults::RemoveRule(id);
+  EXPECT_EQ(IndexedDays(), (std::map<uint16_t, uint32_t>{{9001, 3}}));
+  ASSERT_TRUE(Write(9001, 1));  // sized once it can be
+  EXPECT_TRUE(FS::Exists(DayFile(9000) + Utils::kAsideSuffix));
+  EXPECT_EQ(manager_->TotalOnDiskSize(),
+            SizeOf(DayFile(9001)) + SizeOf(DayFile(9000) + Utils::kAsideSuffix));
+  manager_.reset();
+  // A wipe that cannot delete a file goes on; the file goes aside, and
+  // goes first when room is needed.
+  settings_.reset_mode = 1;
+  id = Fail(DayFile(9001), Faults::Delete);
+  ASSERT_TRUE(Open());
+  Faults::RemoveRule(id);
+  EXPECT_TRUE(Indexed().empty());
+  EXPECT_FALSE(FS::Exists(DayFile(9001)));
+  EXPECT_EQ(manager_->TotalOnDiskSize(), SizeOf(DayFile(9001) + Utils::kAsideSuffix));
 }
 
 TEST_F(CrashRecoveryTest, TheShutdownBlockIsStoredOnceWhateverStopsItsTakeBack) {
+  auto stop_with = [this](uint32_t count, uint32_t second) {
+    clock_.SetDay(9000, second);
+    for (uint32_t i = 0; i < count; ++i) {
+      std::vector<uint8_t> record = tarn::test::MakeEvent(next_tag_++, 300);
+      Events::Objects::Base event(record.data(), record.size());
+      ASSERT_TRUE(manager_->AddEvent(event));
+    }
+    ASSERT_TRUE(manager_->Stop());
+    manager_.reset();
+  };
   ASSERT_TRUE(Open());
-  clock_.SetDay(9000, 10);
-  for (uint32_t i = 0; i < 4; ++i) {
-    std::vector<uint8_t> record = tarn::test::MakeEvent(i, 300);
-    Events::Objects::Base event(record.data(), record.size());
-    ASSERT_TRUE(manager_->AddEvent(event));
-  }
-  ASSERT_TRUE(manager_->Stop());
-  manager_.reset();
-  // Stored and indexed, but the shutdown file stays: as if the process died
-  // before deleting it.
-  int id = Fail("storage.final.db", Faults::Delete);
+  stop_with(4, 10);
+  // Stored and indexed, but the shutdown file can be neither deleted nor
+  // cleared; more blocks of its day follow, and the process dies before it
+  // writes a shutdown file again.
+  int id = Fail("storage.final.db", Faults::Delete | Faults::Write);
   ASSERT_TRUE(Open());
-  manager_.reset();
+  ASSERT_TRUE(Write(9000, 2));
+  manager_.reset();  // the open block is empty: no shutdown file is written
   Faults::RemoveRule(id);
   ASSERT_TRUE(FS::Exists(dir_.File(Utils::kFinalFileName)));
   ASSERT_TRUE(Open());
-  EXPECT_EQ(IndexedDays()[9000], 4u);
+  EXPECT_EQ(IndexedDays()[9000], 6u);  // its 4 events once, not after the later 2 again
   EXPECT_FALSE(FS::Exists(dir_.File(Utils::kFinalFileName)));
 
-  // One that cannot be read yet fails the start and stays for the next.
-  manager_->Stop();
-  manager_.reset();
+  // One read failure passes; one that stays sends the file aside and the
+  // store starts all the same.
+  stop_with(1, 200);
+  id = Faults::AddRule({"storage.final.db", Faults::Read, 1, Faults::Eio, 1});
   ASSERT_TRUE(Open());
-  ASSERT_TRUE(Write(9000, 1));
-  clock_.SetDay(9000, 200);
-  std::vector<uint8_t> record = tarn::test::MakeEvent(77, 300);
-  Events::Objects::Base event(record.data(), record.size());
-  ASSERT_TRUE(manager_->AddEvent(event));
-  ASSERT_TRUE(manager_->Stop());
-  manager_.reset();
+  Faults::RemoveRule(id);
+  EXPECT_EQ(IndexedDays()[9000], 7u);
+  stop_with(1, 300);
   id = Fail("storage.final.db", Faults::Read);
-  EXPECT_FALSE(Open());
+  ASSERT_TRUE(Open());
+  Faults::RemoveRule(id);
+  EXPECT_EQ(IndexedDays()[9000], 7u);
+  EXPECT_TRUE(FS::Exists(dir_.File(std::string(Utils::kFinalFileName) + Utils::kAsideSuffix)));
+  ASSERT_TRUE(Write(9000, 1));
+  EXPECT_EQ(IndexedDays()[9000], 8u);
+}
+
+TEST_F(CrashRecoveryTest, AnIndexThatCannotBeReadIsSetAsideAndItsDaysComeBack) {
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(Write(9000, 3));
+  ASSERT_TRUE(Write(9001, 3));
+  manager_.reset();
+  // Every read of the index fails for one start: it is not saved over.
+  int id = Fail(Index::FILENAME, Faults::Read);
+  clock_.SetDay(9002, 10);
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(Write(9002, 2));
   manager_.reset();
   Faults::RemoveRule(id);
+  EXPECT_TRUE(FS::Exists(dir_.File(std::string(Index::FILENAME) + Utils::kAsideSuffix)));
+  // The first start that reads it takes its days back.
   ASSERT_TRUE(Open());
-  EXPECT_EQ(IndexedDays()[9000], 6u);
+  EXPECT_EQ(IndexedDays(), (std::map<uint16_t, uint32_t>{{9000, 3}, {9001, 3}, {9002, 2}}));
+  EXPECT_FALSE(FS::Exists(dir_.File(std::string(Index::FILENAME) + Utils::kAsideSuffix)));
+}
+
+TEST_F(CrashRecoveryTest, AFailedFirstBlockOfADayLeavesNoEmptyDay) {
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(Write(9000, 2));
+  // The day's file gets its header; its first block fails.
+  int id = Faults::AddRule({DayFile(9001), Faults::Write, 2, Faults::Eio, Faults::Rule::kForever});
+  EXPECT_FALSE(Write(9001, 2));
+  Faults::RemoveRule(id);
+  ASSERT_TRUE(Write(9002, 2));
+  EventStorageProvider reader(*manager_, manager_->telemetry());
+  ASSERT_TRUE(reader.Create());
+  uint32_t walked = 0;
+  for (uint64_t p = reader.GetFirstIterVal(); p != RawIterator::Invalid; reader.Increment(p)) {
+    ++walked;
+  }
+  EXPECT_EQ(walked, 4u);
+  // Its header still counts, as a loose file, until the day's next block.
+  EXPECT_EQ(manager_->TotalOnDiskSize(),
+            SizeOf(DayFile(9000)) + SizeOf(DayFile(9001)) + SizeOf(DayFile(9002)));
+}
+
+TEST_F(CrashRecoveryTest, BlocksPutBackAtStartAreDurableBeforeTheIndexNamesThem) {
+  ASSERT_TRUE(Open());
+  ASSERT_TRUE(Write(9000, 2));
+  manager_.reset();
+  // A process wrote a whole block and died before flushing it or saving the
+  // index: its bytes are in the page cache only.
+  Faults::EnableCrashTracking(true);
+  Keel::Collections::Buffer raw, payload;
+  Keel::Collections::Array<BlockEntry> entries;
+  ASSERT_TRUE(raw.Create(4096) && entries.Create(4) && payload.Create(8192));
+  std::vector<uint8_t> record = tarn::test::MakeEvent(50, 300);
+  entries.Add(BlockEntry{0, 200});
+  raw.Push(record.data(), record.size());
+  EncodedBlock encoded;
+  ASSERT_TRUE(EncodeBlock(raw, entries, payload, encoded));
+  Keel::OS::File file;
+  const uint64_t end = SizeOf(DayFile(9000));
+  ASSERT_TRUE(file.Open(DayFile(9000), Keel::OS::File::Mode::ReadWrite));
+  uint8_t header[kBlockHeaderSize];
+  for (int i = 0; i < 4; ++i) {
+    header[i] = static_cast<uint8_t>(encoded.header.stored_size >> (8 * i));
+    header[4 + i] = static_cast<uint8_t>(encoded.header.raw_size >> (8 * i));
+    header[8 + i] = static_cast<uint8_t>(encoded.header.table_offset >> (8 * i));
+  }
+  ASSERT_TRUE(file.WriteAt(end, header, sizeof(header)) &&
+              file.WriteAt(end + kBlockHeaderSize, payload.Data(), payload.Size()));
+  file.Close();
+  // The next start puts it back; then the power goes.
+  ASSERT_TRUE(Open());
+  manager_.reset();
+  Faults::SimulatePowerCut();
+  Faults::EnableCrashTracking(false);
+  EXPECT_EQ(IndexedDays()[9000], 3u);
+}
+
+TEST_F(CrashRecoveryTest, ANewBlockSizeHoldsFromTheNextEvent) {
+  settings_.block_buffer_size = 1'048'576;
+  ASSERT_TRUE(Open());
+  Settings smaller = settings_;
+  smaller.block_buffer_size = 102'400;
+  ASSERT_TRUE(manager_->UpdateSettings(smaller));
+  clock_.SetDay(9000, 100);
+  for (uint32_t i = 0; i < 100; ++i) {
+    std::vector<uint8_t> record = tarn::test::MakeEvent(next_tag_++, 2'000);
+    Events::Objects::Base event(record.data(), record.size());
+    ASSERT_TRUE(manager_->AddEvent(event));
+  }
+  ASSERT_TRUE(manager_->Flush());
+  uint32_t blocks = 0;
+  ASSERT_TRUE(manager_->ProcessIndex(
+      [](Index& index, void* context) {
+        DayInfo* day = index.tree().SearchUnsafe(9000);
+        *static_cast<uint32_t*>(context) = day != nullptr ? day->GetBlockCount() : 0;
+        return true;
+      },
+      &blocks));
+  EXPECT_EQ(blocks, 2u);  // 200 KB of events in blocks of 100 KiB
 }
 
 TEST(StorageQueryTest, OnlyTheRequestObjectItselfIsTakenForOne) {
@@ -354,6 +472,8 @@ TEST_F(StoreCatalogTest, TheDayBeingWrittenIsNeverEvictedEvenWhenItAloneBreaksTh
   EXPECT_EQ(catalog_.PlaceBlock(settings_, 8, 5000, file, offset),
             StoreCatalog::Placement::kCreated);
   EXPECT_EQ(index_.tree().SearchUnsafe(10), nullptr);
+  EXPECT_EQ(index_.tree().SearchUnsafe(8), nullptr);  // a day enters with its first block
+  ASSERT_TRUE(catalog_.RecordBlock(8, BlockInfo{20, 1, 0, 0, 2}, 5000));
   EXPECT_NE(index_.tree().SearchUnsafe(8), nullptr);
 }
 

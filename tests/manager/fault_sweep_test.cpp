@@ -202,7 +202,7 @@ void CheckRestart(const std::string& directory, const Model& model, Verdict& ver
   if (!reader.Create()) return verdict.Fail("the reader does not start");
 
   std::set<uint32_t> seen;
-  uint64_t previous = 0;
+  int64_t previous = 0;
   uint16_t oldest = 0xFFFF;
   Events::GenericEventHolder holder;
   uint64_t position = reader.GetFirstIterVal();
@@ -213,9 +213,14 @@ void CheckRestart(const std::string& directory, const Model& model, Verdict& ver
     auto it = model.accepted.find(tag);
     if (it == model.accepted.end()) return verdict.Fail("an event nobody accepted is readable");
     if (!seen.insert(tag).second) verdict.Fail("event " + std::to_string(tag) + " reads twice");
-    const uint64_t at = EpochOf(it->second.day, it->second.second);
-    if (at < previous) verdict.Fail("event " + std::to_string(tag) + " reads out of order");
-    previous = at;
+    // In the order of the seconds the store recorded: a shutdown block
+    // stored late is filed at its day's newest second.
+    Keel::OS::DateTime recorded;
+    if (!reader.GetTime(position, recorded) || recorded.ToSecondsSinceEpoch() < previous ||
+        recorded.ToSecondsSinceEpoch() < int64_t(EpochOf(it->second.day, it->second.second))) {
+      verdict.Fail("event " + std::to_string(tag) + " reads out of order");
+    }
+    previous = recorded.ToSecondsSinceEpoch();
     oldest = std::min(oldest, it->second.day);
   }
   // Eviction removes whole days, oldest first, never the newest day written.

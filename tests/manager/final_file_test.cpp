@@ -39,9 +39,15 @@ class FinalFileTest : public ::testing::Test {
     Faults::EnableCrashTracking(false);
   }
 
-  // A sample block with its table, as the store holds it at close.
+  // A sample block with its table, as the store holds it at close: each
+  // record's size field (bytes 10-11) tells its length, as an event's does.
   static SampleBlock Closed(const std::vector<uint32_t>& sizes) {
     SampleBlock block = MakeSampleBlock(sizes, 3600);
+    for (uint32_t i = 0; i < block.entries.Count(); ++i) {
+      uint8_t* record = block.raw.Data() + block.entries.Get(i)->offset;
+      record[10] = static_cast<uint8_t>(sizes[i]);
+      record[11] = static_cast<uint8_t>(sizes[i] >> 8);
+    }
     EXPECT_TRUE(AppendEntryTable(block.raw, block.entries));
     return block;
   }
@@ -110,6 +116,8 @@ TEST_F(FinalFileTest, OnlyACompleteConsistentFileIsUsed) {
            good.substr(0, good.size() - 1), good + '\0', good.substr(0, 45),
            with(kFinalHeaderSize + 120 + 8, good.substr(kFinalHeaderSize + 120, 4)),  // offsets
            with(kFinalHeaderSize + 120 + 21, std::string(2, '\0')),  // second 130834
+           // A record whose own length is not its entry's span (inverted: 41).
+           with(kFinalHeaderSize + 40 + 10, std::string("\xD6", 1)),
        }) {
     WriteWholeFile(path_, invalid);
     EXPECT_EQ(Read(), FinalFileState::Invalid);

@@ -297,6 +297,8 @@ TEST_F(StorageTelemetryTest, ReportKeysComeInTheirFixedOrder) {
       "cache_miss_count",
       "unreachable_reached_count",
       "events_count",
+      "clock_refused_events_count",
+      "files_set_aside_count",
   };
   telemetry.notify_cache_miss();
   telemetry.notify_cache_miss();

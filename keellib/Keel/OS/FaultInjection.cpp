@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <map>
+#include <set>
 #include <mutex>
 #include <vector>
 
@@ -39,6 +40,8 @@ struct State {
   int next_id = 1;
   bool tracking = false;
   std::map<std::string, Durable> durable;
+  // Files created since their directory was last synced.
+  std::set<std::string> unsynced_names;
 };
 
 State& GetState() {
@@ -48,6 +51,18 @@ State& GetState() {
 
 void UpdateActive(const State& state) {
   Detail::g_active.store(!state.rules.empty() || state.tracking, std::memory_order_relaxed);
+}
+
+std::string ParentOf(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// "a/b/" and "a/b" name one directory.
+std::string WithoutTrailingSlash(std::string directory) {
+  while (directory.size() > 1 && directory.back() == '/') directory.pop_back();
+  return directory.empty() ? "." : directory;
 }
 
 bool Contains(std::string_view path, const std::string& text) {
@@ -160,6 +175,7 @@ void EnableCrashTracking(bool enable) {
   std::lock_guard<std::mutex> lock(state.mutex);
   state.tracking = enable;
   state.durable.clear();
+  state.unsynced_names.clear();
   UpdateActive(state);
 }
 
@@ -167,13 +183,17 @@ void SimulatePowerCut() {
   State& state = GetState();
   std::lock_guard<std::mutex> lock(state.mutex);
   for (const auto& [path, durable] : state.durable) Restore(path, durable);
+  for (const std::string& path : state.unsynced_names) ::unlink(path.c_str());
   state.durable.clear();
+  state.unsynced_names.clear();
 }
 
 size_t PendingFiles() {
   State& state = GetState();
   std::lock_guard<std::mutex> lock(state.mutex);
-  return state.durable.size();
+  std::set<std::string> pending = state.unsynced_names;
+  for (const auto& entry : state.durable) pending.insert(entry.first);
+  return pending.size();
 }
 
 namespace Detail {
@@ -216,6 +236,7 @@ void BeforeChange(const std::string& path, uint64_t offset) {
     struct stat info;
     durable.existed = ::stat(path.c_str(), &info) == 0;
     durable.size = durable.existed ? static_cast<uint64_t>(info.st_size) : 0;
+    if (!durable.existed) state.unsynced_names.insert(path);
     // Opening an existing file without truncating it changes nothing.
     if (durable.existed && offset == kCreateOnly) {
       state.durable.erase(it);
@@ -236,7 +257,13 @@ void AfterFlush(const std::string& path) {
   state.durable.erase(path);
 }
 
-void AfterDelete(const std::string& path) { AfterFlush(path); }
+void AfterDelete(const std::string& path) {
+  if (!Active()) return;
+  State& state = GetState();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.durable.erase(path);
+  state.unsynced_names.erase(path);
+}
 
 void AfterMove(const std::string& from, const std::string& to) {
   if (!Active()) return;
@@ -247,6 +274,25 @@ void AfterMove(const std::string& from, const std::string& to) {
   if (!node.empty()) {
     node.key() = to;
     state.durable.insert(std::move(node));
+  }
+  for (ActiveRule& active : state.rules) {
+    if (active.rule.follows_file && active.rule.path_contains == from) {
+      active.rule.path_contains = to;
+    }
+  }
+  if (!state.tracking) return;
+  // A rename counts as durable at once, the name it gives included.
+  state.unsynced_names.erase(from);
+  state.unsynced_names.erase(to);
+}
+
+void AfterDirectorySync(const std::string& directory) {
+  if (!Active()) return;
+  State& state = GetState();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  const std::string synced = WithoutTrailingSlash(directory);
+  for (auto it = state.unsynced_names.begin(); it != state.unsynced_names.end();) {
+    it = ParentOf(*it) == synced ? state.unsynced_names.erase(it) : std::next(it);
   }
 }
 

@@ -27,7 +27,8 @@ enum Operation : uint32_t {
   Lock = 1u << 8,             // File::TryLockExclusive
   List = 1u << 9,             // FileSystem::ListDirectory
   Stat = 1u << 10,            // File::GetSize, FileSystem::GetFileSize
-  All = (1u << 11) - 1,
+  SyncDirectory = 1u << 11,   // FileSystem::SyncDirectory (and the syncs inside Move, Delete)
+  All = (1u << 12) - 1,
 };
 
 enum Kind : uint32_t {
@@ -51,6 +52,10 @@ struct Rule {
   // How many consecutive matching operations fail from the nth on. Zero makes
   // a rule that only counts.
   uint32_t times = 1;
+  // The fault belongs to the file rather than the name: when a file whose
+  // path is exactly `path_contains` is moved, the rule follows it to its new
+  // name (a bad sector, a lock another program holds).
+  bool follows_file = false;
 };
 
 // Returns the rule's id (above 0). Rules are checked in the order they were
@@ -70,12 +75,16 @@ KEEL_API uint64_t FailCount(int id);
 // remembered file back into that state (deleting files that did not exist),
 // losing everything written since the last flush, and forgets them all.
 //
-// Renames and deletes are treated as durable the moment they succeed: a
-// deleted file is forgotten, and a moved file carries what is remembered about
-// it to its new name (so an unflushed file moved onto a name still loses its
-// unflushed bytes there), while a durable file moved onto a name makes that
-// name durable. Tracking follows paths, so a file written through a File that
-// was opened before it was moved is tracked under its old name.
+// A file's name is durable only once its directory was synced: a file created
+// since the last sync of its directory vanishes at the power cut, flushed or
+// not. Renames and deletes are treated as durable the moment they succeed
+// (both sync the directory themselves; a rename gives its target a durable
+// name even when the file was created unsynced): a deleted file is forgotten, and a
+// moved file carries what is remembered about it to its new name (so an
+// unflushed file moved onto a name still loses its unflushed bytes there),
+// while a durable file moved onto a name makes that name durable. Tracking
+// follows paths, so a file written through a File that was opened before it
+// was moved is tracked under its old name.
 KEEL_API void EnableCrashTracking(bool enable);
 KEEL_API void SimulatePowerCut();
 // Files with changes that a power cut would undo.
@@ -101,6 +110,7 @@ void BeforeChange(const std::string& path, uint64_t offset);
 void AfterFlush(const std::string& path);
 void AfterDelete(const std::string& path);
 void AfterMove(const std::string& from, const std::string& to);
+void AfterDirectorySync(const std::string& directory);
 
 }  // namespace Detail
 

@@ -43,12 +43,13 @@ bool MakeOne(const std::string& path) {
   return true;
 }
 
-bool SyncDirectory(const std::string& directory) {
-  int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  int result = ::fsync(fd);
-  ::close(fd);
-  return result == 0;
+// After a rename or a delete the name has changed either way: a failed sync
+// only leaves its durability in doubt, which is logged.
+void SyncDirectoryOf(const std::string& path) {
+  std::string directory = Path::Directory(path);
+  if (!SyncDirectory(directory.empty() ? "." : directory)) {
+    KEEL_LOG(Log::Warning, Log::FileSystem, kDirectorySyncFailed, t_last_error, 0, 0);
+  }
 }
 
 bool IsRegularFile(const std::string& directory, const dirent& entry) {
@@ -87,8 +88,30 @@ bool CreateDirectory(const std::string& path) {
 
 bool DeleteFile(const std::string& path) {
   if (int error = Faults::Detail::Check(Faults::Delete, path)) return Fail(kDeleteFailed, error);
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return Fail(kDeleteFailed, errno);
+  if (::unlink(path.c_str()) != 0) {
+    if (errno != ENOENT) return Fail(kDeleteFailed, errno);
+    return true;
+  }
   Faults::Detail::AfterDelete(path);
+  SyncDirectoryOf(path);
+  return true;
+}
+
+bool SyncDirectory(const std::string& directory) {
+  if (int error = Faults::Detail::Check(Faults::SyncDirectory, directory)) {
+    t_last_error = error;
+    return false;
+  }
+  int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) {
+    t_last_error = errno;
+    return false;
+  }
+  int result = ::fsync(fd);
+  t_last_error = result == 0 ? 0 : errno;
+  ::close(fd);
+  if (result != 0) return false;
+  Faults::Detail::AfterDirectorySync(directory);
   return true;
 }
 
@@ -96,12 +119,7 @@ bool MoveFile(const std::string& from, const std::string& to) {
   if (int error = Faults::Detail::Check(Faults::Move, from, to)) return Fail(kMoveFailed, error);
   if (::rename(from.c_str(), to.c_str()) != 0) return Fail(kMoveFailed, errno);
   Faults::Detail::AfterMove(from, to);
-  std::string directory = Path::Directory(to);
-  if (!SyncDirectory(directory.empty() ? "." : directory)) {
-    // The name has moved either way; only its durability is in doubt.
-    t_last_error = errno;
-    KEEL_LOG(Log::Warning, Log::FileSystem, kDirectorySyncFailed, errno, 0, 0);
-  }
+  SyncDirectoryOf(to);
   return true;
 }
 

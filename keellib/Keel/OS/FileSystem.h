@@ -20,7 +20,13 @@ KEEL_API bool IsDirectory(const std::string& path);
 KEEL_API bool CreateDirectory(const std::string& path);
 
 // True when the file is gone afterwards, including when it never existed.
+// Syncs the directory afterwards, so the removal itself survives a power cut
+// (a failed sync is only logged: the name is gone either way).
 KEEL_API bool DeleteFile(const std::string& path);
+
+// Makes the names in `directory` durable: a file created there is only sure
+// to survive a power cut, flushed or not, once this succeeded.
+KEEL_API bool SyncDirectory(const std::string& directory);
 
 // Renames, replacing any file at `to`, then syncs the directory of `to` so the
 // rename itself survives a power cut. Both names must be on one file system.

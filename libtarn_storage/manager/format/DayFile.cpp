@@ -2,6 +2,8 @@
 
 #include "Keel/Log.h"
 #include "Keel/OS/File.h"
+#include "Keel/OS/FileSystem.h"
+#include "Keel/OS/Path.h"
 #include "Tarn/Events/Record.h"
 
 namespace Tarn::Storage {
@@ -24,6 +26,7 @@ enum Message : uint32_t {
   kFreshHeaderWrite = 332,
   kFreshHeaderFlush = 333,
   kHeaderRead = 334,
+  kDirectorySync = 335,
 };
 
 constexpr uint32_t kMagicOffset = 0;
@@ -54,6 +57,15 @@ bool WriteHeader(Keel::OS::File& file, Message write_failed, Message flush_faile
     return false;
   }
   return true;
+}
+
+// A new file's name must survive a power cut before any block in it is
+// named by the index.
+bool SyncDirectoryOf(const std::string& path) {
+  const std::string directory = Keel::OS::Path::Directory(path);
+  if (Keel::OS::FileSystem::SyncDirectory(directory.empty() ? "." : directory)) return true;
+  Log(kDirectorySync, Keel::OS::FileSystem::LastError());
+  return false;
 }
 
 }  // namespace
@@ -91,7 +103,8 @@ bool CreateDayFile(const std::string& path, Keel::OS::File& file) {
     Log(kCreateOpen, file.LastError());
     return false;
   }
-  if (!WriteHeader(file, kCreateWrite, kCreateFlush) || !file.Seek(kDayFileHeaderSize)) {
+  if (!WriteHeader(file, kCreateWrite, kCreateFlush) || !SyncDirectoryOf(path) ||
+      !file.Seek(kDayFileHeaderSize)) {
     // A torn header would make the file unusable for good; an empty one gets
     // a fresh header the next time it is opened.
     file.Truncate(0);
@@ -116,7 +129,7 @@ AppendOpen OpenDayFileForAppend(const std::string& path, Keel::OS::File& file, u
     return AppendOpen::kIoError;
   }
   if (file_size == 0) {
-    if (!WriteHeader(file, kFreshHeaderWrite, kFreshHeaderFlush)) {
+    if (!WriteHeader(file, kFreshHeaderWrite, kFreshHeaderFlush) || !SyncDirectoryOf(path)) {
       file.Truncate(0);
       file.Close();
       return AppendOpen::kIoError;

@@ -1,6 +1,19 @@
 #include "manager/format/DayFileReader.h"
 
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "Tarn/Events/Record.h"
+
 namespace Tarn::Storage {
+namespace {
+
+// What a scan for a block's framing reads at a time.
+constexpr uint64_t kScanChunk = 1u << 20;
+constexpr uint32_t kFrameSize = kBlockHeaderSize + sizeof(kPayloadMagic);
+
+}  // namespace
 
 bool DayFileReader::Open(const std::string& path, DayFileCheck& check, Keel::OS::File::Mode mode,
                          uint32_t version) {
@@ -30,21 +43,102 @@ bool DayFileReader::Decode(uint64_t offset, const BlockHeader& header,
   return !io_error_ && DecodeBlock(payload_, header, raw);
 }
 
-uint64_t DayFileReader::Walk(uint64_t offset,
-                             const std::function<bool(const WalkedBlock&)>& visit) {
-  WalkedBlock block;
+bool DayFileReader::FramesBlock(uint64_t offset, BlockHeader& header) {
+  if (offset < kDayFileHeaderSize || offset > size_ || size_ - offset < kFrameSize) return false;
+  uint8_t bytes[kFrameSize];
+  if (!file_->ReadAtExact(offset, bytes, sizeof(bytes))) {
+    io_error_ = true;
+    return false;
+  }
+  header.stored_size = Events::Record::LoadUInt32(bytes);
+  header.raw_size = Events::Record::LoadUInt32(bytes + 4);
+  header.table_offset = Events::Record::LoadUInt32(bytes + 8);
+  return header.stored_size >= sizeof(kPayloadMagic) &&
+         header.stored_size <= size_ - offset - kBlockHeaderSize && BlockSizesAreSane(header) &&
+         std::memcmp(bytes + kBlockHeaderSize, kPayloadMagic, sizeof(kPayloadMagic)) == 0;
+}
+
+uint64_t DayFileReader::NextFramedBlock(uint64_t from, uint64_t limit) {
+  // The magic sits right behind a block's 12-byte header: look for it.
+  std::vector<uint8_t> chunk;
+  for (uint64_t at = from + kBlockHeaderSize; at + sizeof(kPayloadMagic) <= size_;) {
+    if (at - kBlockHeaderSize >= limit) return limit;
+    const uint64_t length = std::min<uint64_t>(kScanChunk, size_ - at);
+    chunk.resize(length);
+    if (!file_->ReadAtExact(at, chunk.data(), length)) {
+      io_error_ = true;
+      return limit;
+    }
+    for (uint64_t i = 0; i + sizeof(kPayloadMagic) <= length; ++i) {
+      const void* hit = std::memchr(chunk.data() + i, kPayloadMagic[0], length - i);
+      if (hit == nullptr) break;
+      i = static_cast<const uint8_t*>(hit) - chunk.data();
+      if (i + sizeof(kPayloadMagic) > length) break;
+      if (std::memcmp(chunk.data() + i, kPayloadMagic, sizeof(kPayloadMagic)) != 0) continue;
+      const uint64_t candidate = at + i - kBlockHeaderSize;
+      if (candidate >= limit) return limit;
+      BlockHeader header;
+      if (FramesBlock(candidate, header)) return candidate;
+      if (io_error_) return limit;
+    }
+    // The next chunk overlaps this one by the magic's length less one.
+    at += length - (sizeof(kPayloadMagic) - 1);
+    if (length < sizeof(kPayloadMagic)) break;
+  }
+  return limit;
+}
+
+bool DayFileReader::Chart(const std::vector<uint64_t>& anchors, std::vector<FileSpan>& spans) {
+  spans.clear();
   io_error_ = false;
-  while (offset + kBlockHeaderSize <= size_ && ReadHeader(offset, block.header)) {
-    block.offset = offset;
-    block.decoded = Decode(offset, block.header, raw_);
-    if (io_error_) break;
-    block.view = RawBlockView(raw_.Data(), block.decoded ? block.header.raw_size : 0,
-                              block.decoded ? block.header.table_offset : 0);
+  size_t next_anchor = 0;
+  uint64_t at = kDayFileHeaderSize;
+  while (at < size_) {
+    while (next_anchor < anchors.size() && anchors[next_anchor] <= at) ++next_anchor;
+    BlockHeader header;
+    const bool framed = FramesBlock(at, header);
+    if (io_error_) return false;
+    const uint64_t end = at + kBlockHeaderSize + uint64_t{header.stored_size};
+    if (framed && (next_anchor == anchors.size() || anchors[next_anchor] >= end)) {
+      spans.push_back(FileSpan{at, end, true, header});
+      at = end;
+      continue;
+    }
+    // No whole block here: resume at the first anchor that frames one, or
+    // at the first framing found before it.
+    uint64_t resume = size_;
+    for (size_t k = next_anchor; k < anchors.size(); ++k) {
+      BlockHeader anchored;
+      if (FramesBlock(anchors[k], anchored)) {
+        resume = anchors[k];
+        break;
+      }
+      if (io_error_) return false;
+    }
+    resume = NextFramedBlock(at + 1, resume);
+    if (io_error_) return false;
+    spans.push_back(FileSpan{at, resume, false, {}});
+    at = resume;
+  }
+  return true;
+}
+
+bool DayFileReader::DecodeSpans(const std::vector<FileSpan>& spans,
+                                const std::function<bool(const WalkedBlock&)>& visit) {
+  io_error_ = false;
+  WalkedBlock block;
+  for (const FileSpan& span : spans) {
+    if (!span.whole) continue;
+    block.offset = span.offset;
+    block.header = span.header;
+    block.decoded = Decode(span.offset, span.header, raw_);
+    if (io_error_) return false;
+    block.view = RawBlockView(raw_.Data(), block.decoded ? span.header.raw_size : 0,
+                              block.decoded ? span.header.table_offset : 0);
     block.decoded = block.decoded && block.view.EventCount() != 0;
     if (!visit(block)) break;
-    offset = block.End();
   }
-  return offset;
+  return true;
 }
 
 }  // namespace Tarn::Storage

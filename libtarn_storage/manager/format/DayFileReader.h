@@ -11,7 +11,17 @@
 
 namespace Tarn::Storage {
 
-// One block met by a walk over a day file.
+// A stretch of a day file as Chart finds it: a whole block (its header's
+// sizes are a block's, its payload lies inside the file and begins like an
+// .xz stream) or bytes that frame none: damage, or the torn tail of a write.
+struct FileSpan {
+  uint64_t offset = 0;
+  uint64_t end = 0;
+  bool whole = false;
+  BlockHeader header;  // of a whole block
+};
+
+// One whole block of a chart, read and decoded.
 struct WalkedBlock {
   uint64_t offset = 0;  // of its 12-byte header
   BlockHeader header;
@@ -23,8 +33,8 @@ struct WalkedBlock {
   uint64_t End() const { return offset + kBlockHeaderSize + header.stored_size; }
 };
 
-// The one reader of day files: opens a file, checks its header, and reads,
-// decodes and walks its blocks. Start-up reconciliation, the writer taking
+// The one reader of day files: opens a file, checks its header, and charts,
+// reads and decodes its blocks. Start-up reconciliation, the writer taking
 // over a file, and the tool's offline commands all read day files through it.
 class DayFileReader {
  public:
@@ -46,18 +56,30 @@ class DayFileReader {
   // Reads and decodes the block: `raw` then holds its records and entry
   // table. False when the bytes do not decode.
   bool Decode(uint64_t offset, const BlockHeader& header, Keel::Collections::Buffer& raw);
-  // Whether the last ReadHeader, Decode or Walk failed in the system rather
-  // than on the bytes: the file may then be whole, and nothing in it may be
-  // dropped or cut.
+  // Whether the last ReadHeader, Decode, Chart or DecodeSpans failed in the
+  // system rather than on the bytes: the file may then be whole, and nothing
+  // in it may be dropped or cut.
   bool io_error() const { return io_error_; }
 
-  // Visits the blocks that follow one another from `offset` while each
-  // header fits in the file; stops at an I/O error. `visit` returns false to stop at a block, which
-  // is then not counted. Returns the offset after the last block counted:
-  // where the next block goes, or where a torn tail begins.
-  uint64_t Walk(uint64_t offset, const std::function<bool(const WalkedBlock&)>& visit);
+  // Charts the file from its header to its end. After a whole block it goes
+  // on at the block's end. Bytes that frame no whole block make one span up
+  // to the next offset that does: the first of `anchors` past them (offsets
+  // the index names, ascending), or the next place where a block's framing
+  // appears. A block whose extent would swallow an anchor is not whole: its
+  // header is damaged and the anchor is believed. False on an I/O error.
+  bool Chart(const std::vector<uint64_t>& anchors, std::vector<FileSpan>& spans);
+  // Reads and decodes each whole span in file order and hands it to `visit`,
+  // which returns false to stop. False on an I/O error.
+  bool DecodeSpans(const std::vector<FileSpan>& spans,
+                   const std::function<bool(const WalkedBlock&)>& visit);
 
  private:
+  // Whether a whole block starts at `offset`. Quiet: a chart asks it of
+  // arbitrary bytes. Sets io_error_ when the read fails.
+  bool FramesBlock(uint64_t offset, BlockHeader& header);
+  // The first offset in [from, limit) where a whole block starts, or limit.
+  uint64_t NextFramedBlock(uint64_t from, uint64_t limit);
+
   Keel::OS::File owned_;
   Keel::OS::File* file_ = &owned_;
   uint64_t size_ = 0;

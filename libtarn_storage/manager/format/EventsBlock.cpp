@@ -65,16 +65,6 @@ uint32_t FirstBadEntry(const Entries& entries, uint32_t count, uint32_t table_of
   return count;
 }
 
-// Sizes a block of this store can have: a non-empty whole table behind the
-// records, records no larger than the largest block buffer, and at least one
-// byte per event.
-bool SizesAreSane(const BlockHeader& header) {
-  if (header.table_offset >= header.raw_size) return false;
-  uint32_t table_size = header.raw_size - header.table_offset;
-  return table_size % kEntrySize == 0 && header.table_offset <= SettingsBounds::kBlockSizeEnd &&
-         table_size / kEntrySize <= header.table_offset;
-}
-
 bool WriteWord(Keel::OS::File& file, uint64_t offset, uint32_t value, Message failed) {
   uint8_t bytes[4];
   Events::Record::StoreUInt32(bytes, value);
@@ -89,6 +79,13 @@ uint64_t MicrosecondsSince(std::chrono::steady_clock::time_point start) {
 }
 
 }  // namespace
+
+bool BlockSizesAreSane(const BlockHeader& header) {
+  if (header.table_offset >= header.raw_size) return false;
+  uint32_t table_size = header.raw_size - header.table_offset;
+  return table_size % kEntrySize == 0 && header.table_offset <= SettingsBounds::kBlockSizeEnd &&
+         table_size / kEntrySize <= header.table_offset;
+}
 
 bool AppendEntryTable(Keel::Collections::Buffer& raw,
                       const Keel::Collections::Array<BlockEntry>& entries) {
@@ -225,7 +222,7 @@ bool ReadBlockHeader(Keel::OS::File& file, uint64_t offset, uint64_t file_size, 
     Log(kPayloadPastEnd, offset, header.stored_size, file_size);
     return false;
   }
-  if (!SizesAreSane(header)) {
+  if (!BlockSizesAreSane(header)) {
     Log(kBadSizes, header.raw_size, header.table_offset, offset);
     return false;
   }
@@ -255,7 +252,7 @@ bool DecodeBlock(Keel::Collections::Buffer& payload, const BlockHeader& header,
     Log(kPayloadSizeMismatch, payload.Size(), header.stored_size);
     return false;
   }
-  if (!SizesAreSane(header)) {
+  if (!BlockSizesAreSane(header)) {
     raw.Reset();
     Log(kBadSizes, header.raw_size, header.table_offset);
     return false;

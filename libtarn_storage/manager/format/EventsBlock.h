@@ -39,6 +39,16 @@ struct BlockHeader {
   uint32_t table_offset = 0;  // where the entry table starts in the raw block
 };
 
+// A payload is an .xz stream with every byte inverted, so it begins with the
+// inverted stream magic (FD 37 7A 58 5A 00). Together with sane sizes this
+// frames a block well enough to find one again among damaged bytes.
+constexpr uint8_t kPayloadMagic[6] = {0x02, 0xC8, 0x85, 0xA7, 0xA5, 0xFF};
+
+// Sizes a block of this store can have: a non-empty whole table behind the
+// records, records no larger than the largest block buffer, and at least one
+// byte per event. Not logged: scans ask it of arbitrary bytes.
+bool BlockSizesAreSane(const BlockHeader& header);
+
 struct EncodedBlock {
   BlockHeader header;
   uint32_t event_count = 0;

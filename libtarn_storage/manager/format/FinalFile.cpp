@@ -9,6 +9,8 @@
 #include "Keel/OS/FileSystem.h"
 #include "manager/format/DayFile.h"
 #include "manager/format/EventsBlock.h"
+#include "Keel/OS/Path.h"
+#include "Tarn/Events/EventHeader.h"
 #include "Tarn/Events/Record.h"
 
 namespace Tarn::Storage {
@@ -36,6 +38,9 @@ enum Message : uint32_t {
   kBadSizes = 387,
   kReadRaw = 388,
   kBadTable = 389,
+  kBadRecord = 390,
+  kWriteDirectorySync = 391,
+  kDisarm = 392,
 };
 
 constexpr uint32_t kMagicOffset = 0;
@@ -93,6 +98,20 @@ bool ReservedIsZero(const uint8_t (&bytes)[kFinalHeaderSize]) {
 bool CountMatchesTable(uint64_t raw_size, uint32_t table_offset, uint32_t event_count) {
   return event_count != 0 && table_offset <= raw_size &&
          raw_size - table_offset == uint64_t{event_count} * kEntrySize;
+}
+
+// Every record is whole: its own size field spans exactly its entry's bytes.
+bool RecordsAreWhole(const Keel::Collections::Buffer& raw, uint32_t table_offset) {
+  const RawBlockView view(raw.Data(), static_cast<uint32_t>(raw.Size()), table_offset);
+  for (uint32_t i = 0; i < view.EventCount(); ++i) {
+    const uint8_t* record = nullptr;
+    uint32_t size = 0;
+    if (!view.Event(i, record, size) || !Events::EventHeader(record, size).Valid()) {
+      Log(kBadRecord, i, size);
+      return false;
+    }
+  }
+  return true;
 }
 
 bool WriteInverted(Keel::OS::File& file, const Keel::Collections::Buffer& raw) {
@@ -187,6 +206,23 @@ bool WriteFinalFile(const std::string& path, const Keel::Collections::Buffer& ra
     Log(kWriteClose, file.LastError());
     return false;
   }
+  // The file's name must survive a power cut as well as its bytes.
+  const std::string directory = Keel::OS::Path::Directory(path);
+  if (!Keel::OS::FileSystem::SyncDirectory(directory.empty() ? "." : directory)) {
+    Log(kWriteDirectorySync, Keel::OS::FileSystem::LastError());
+    return false;
+  }
+  return true;
+}
+
+bool DisarmFinalFile(const std::string& path) {
+  Keel::OS::File file;
+  const uint8_t zero[4] = {0, 0, 0, 0};
+  if (!file.Open(path, Keel::OS::File::Mode::ReadWrite) ||
+      !file.WriteAt(kMagicOffset, zero, sizeof(zero)) || !file.Flush()) {
+    Log(kDisarm, file.LastError());
+    return false;
+  }
   return true;
 }
 
@@ -227,7 +263,8 @@ FinalFileState ReadFinalFile(const std::string& path, Keel::Collections::Buffer&
     return Unreadable(kReadRaw, file.LastError(), header.raw_size);
   }
   InvertBytes(raw.Data(), raw.Size());
-  if (!CheckEntryTable(raw.Data(), header.raw_size, header.table_offset)) {
+  if (!CheckEntryTable(raw.Data(), header.raw_size, header.table_offset) ||
+      !RecordsAreWhole(raw, header.table_offset)) {
     raw.Reset();
     return Invalid(kBadTable);
   }

@@ -25,11 +25,18 @@ constexpr uint32_t kFinalFileVersion = 2;
 bool WriteFinalFile(const std::string& path, const Keel::Collections::Buffer& raw_with_table,
                     uint32_t table_offset, uint32_t event_count, uint16_t day);
 
+// Clears the magic of a file whose block was stored but which could not be
+// deleted, so that it reads as an interrupted write. False when it could not.
+bool DisarmFinalFile(const std::string& path);
+
 enum class FinalFileState {
   Absent,      // no file
   ReadFailed,  // the system failed a read: the file may be whole, so it stays
   Incomplete,  // the magic is not set: the write never finished
-  Invalid,     // complete, but not a block this store can use
+  // Complete, but not a block this store can use. The file has no checksum:
+  // what can be checked is that entries rise inside the records, seconds lie
+  // in the day and each record's own length is its entry's span.
+  Invalid,
   Ok,
 };
 

@@ -72,4 +72,33 @@ std::string DayFileName(uint16_t day, uint8_t version) {
   return name.str();
 }
 
+std::string AsideName(const std::string& name, uint32_t attempt) {
+  if (attempt == 0) return name + kAsideSuffix;
+  return name + "." + std::to_string(attempt) + kAsideSuffix;
+}
+
+std::string NameBeforeAside(const std::string& name) {
+  const std::string suffix = kAsideSuffix;
+  if (name.size() <= suffix.size() ||
+      name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+    return std::string();
+  }
+  std::string stem = name.substr(0, name.size() - suffix.size());
+  const size_t dot = stem.find_last_of('.');
+  if (dot != std::string::npos && dot + 1 < stem.size() &&
+      stem.find_first_not_of("0123456789", dot + 1) == std::string::npos) {
+    const std::string unnumbered = stem.substr(0, dot);
+    if (unnumbered.size() > 3 && unnumbered.compare(unnumbered.size() - 3, 3, ".db") == 0) {
+      stem = unnumbered;
+    }
+  }
+  uint16_t day = 0;
+  uint8_t version = 0;
+  if (stem == kFinalFileName || stem == kIndexFileName ||
+      IsStorageFile(stem.c_str(), false, day, version)) {
+    return stem;
+  }
+  return std::string();
+}
+
 }  // namespace Tarn::Storage::Utils

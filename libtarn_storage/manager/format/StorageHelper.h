@@ -23,4 +23,18 @@ bool IsStorageFile(const char* name, bool is_directory, uint16_t& day, uint8_t& 
 // three. Empty only when memory ran out.
 std::string DayFileName(uint16_t day, uint8_t version);
 
+// The index file's name; the index itself (index/Index.h) uses the same.
+constexpr const char* kIndexFileName = "storage.index.db";
+
+// A store file that could not be read is kept under its name with this
+// added, which is no store file's name, so that nothing of the store reads
+// it again until the recover tool does: "storage.00123.002.db.unreadable".
+// When that name is taken, a number goes before the suffix
+// ("storage.00123.002.db.2.unreadable").
+constexpr const char* kAsideSuffix = ".unreadable";
+std::string AsideName(const std::string& name, uint32_t attempt);
+// The name a set-aside file had (a day file, the shutdown file or the index
+// file), or empty when `name` is not a set-aside store file.
+std::string NameBeforeAside(const std::string& name);
+
 }  // namespace Tarn::Storage::Utils

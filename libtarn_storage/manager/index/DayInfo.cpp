@@ -1,5 +1,6 @@
 #include "manager/index/DayInfo.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Keel/Log.h"
@@ -181,18 +182,36 @@ bool DayInfo::AddBlock(const BlockInfo& block) {
   return true;
 }
 
-void DayInfo::TruncateBlocks(uint32_t count) {
+bool DayInfo::SetVersionBlocks(uint8_t version, const std::vector<BlockInfo>& blocks) {
   MutexGuard lock(blocks_mutex_.get());
-  if (count < blocks_.Count()) blocks_.SetCount(count);
-}
-
-uint32_t DayInfo::DropBlocksFrom(uint32_t index, uint8_t version) {
-  MutexGuard lock(blocks_mutex_.get());
-  uint32_t dropped = 0;
-  for (uint32_t i = blocks_.Count(); i > index; --i) {
-    if (blocks_.Get(i - 1)->version == version && blocks_.RemoveAt(i - 1)) ++dropped;
+  std::vector<BlockInfo> merged;
+  merged.reserve(blocks_.Count() + blocks.size());
+  bool placed = false;
+  for (uint32_t i = 0; i < blocks_.Count(); ++i) {
+    const BlockInfo& block = *blocks_.Get(i);
+    if (block.version != version) {
+      merged.push_back(block);
+    } else if (!placed) {
+      merged.insert(merged.end(), blocks.begin(), blocks.end());
+      placed = true;
+    }
   }
-  return dropped;
+  if (!placed) merged.insert(merged.end(), blocks.begin(), blocks.end());
+  Keel::Collections::Array<BlockInfo> replacement;
+  const uint32_t capacity = std::max<uint32_t>(kInitialBlocks, static_cast<uint32_t>(merged.size()));
+  if (!replacement.Create(capacity, Keel::Collections::kUnlimited, kGrowStep,
+                          Keel::Collections::GrowType::Percent)) {
+    Log(kAddBlockFailed, 0, version);
+    return false;
+  }
+  for (const BlockInfo& block : merged) {
+    if (!replacement.Add(block)) {
+      Log(kAddBlockFailed, block.block_offset, version);
+      return false;
+    }
+  }
+  std::swap(blocks_, replacement);
+  return true;
 }
 
 uint64_t DayInfo::events_count() const {

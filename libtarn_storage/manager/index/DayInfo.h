@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "Keel/Collections/Array.h"
 #include "Keel/OS/Threading.h"
@@ -74,11 +75,10 @@ class DayInfo {
   uint32_t GetBlockCount() const { return blocks_.Count(); }
   // The entry of block `index`, or null when there is none.
   const BlockInfo* GetBlock(uint32_t index) const { return blocks_.Get(index); }
-  // Keeps the first `count` blocks and drops every later one.
-  void TruncateBlocks(uint32_t count);
-  // Drops the blocks of `version` from position `index` on; blocks of other
-  // versions keep their order.
-  uint32_t DropBlocksFrom(uint32_t index, uint8_t version);
+  // Makes `blocks` the blocks of `version`, in that order, where the first of
+  // its old ones stood (at the end when it had none); blocks of other
+  // versions keep their places. False (the list unchanged) when memory ran out.
+  bool SetVersionBlocks(uint8_t version, const std::vector<BlockInfo>& blocks);
 
   uint32_t GetVersionCount() const { return versions_.Count(); }
   const VersionInfo* GetVersion(uint32_t index) const { return versions_.Get(index); }

@@ -64,6 +64,7 @@ enum Message : uint32_t {
   kSaveCloseFailed = 42,
   kSaveMoveFailed = 43,
   kDumpFailed = 44,
+  kRecordDayRepeated = 45,
 };
 
 constexpr char kMagic[4] = {'E', 'T', 'R', 'N'};
@@ -186,7 +187,8 @@ bool Index::load_from(Settings& settings, Keel::Utils::String& path) {
 
 bool Index::try_load_existing(Settings& settings, Keel::Utils::String& path) {
   // A missing file is the normal first start; File would log it as an error.
-  if (!Keel::OS::FileSystem::Exists(path.str())) {
+  was_found_ = Keel::OS::FileSystem::Exists(path.str());
+  if (!was_found_) {
     LogError(kFileMissing);
     return false;
   }
@@ -297,7 +299,12 @@ bool Index::AddRecord(const uint8_t* bytes, uint32_t position, LoadCursor& curso
   }
 
   if (!cursor.has_day || cursor.day != day) {
-    // A day seen before (its records were not consecutive) is refused here.
+    // A day seen before: its records are not consecutive, so this one is
+    // damaged. Skipped like any bad record; start-up finds its block again.
+    if (tree_.SearchUnsafe(day) != nullptr) {
+      LogWarning(kRecordDayRepeated, position, day);
+      return true;
+    }
     if (!tree_.Insert(day, DayInfo())) {
       LogError(kDayInsertFailed, position, day);
       return false;

@@ -84,6 +84,8 @@ class Index {
   uint64_t last_event_timestamp() const { return last_event_timestamp_; }
   // Whether the last load found a usable file (rather than starting empty).
   bool was_read() const { return was_read_; }
+  // Whether the last load found a file it could not read (rather than none).
+  bool was_found() const { return was_found_; }
   void set_last_event_timestamp(uint64_t value) { last_event_timestamp_ = value; }
 
   Tree& tree() { return tree_; }
@@ -106,6 +108,7 @@ class Index {
   Tree tree_;
   uint64_t last_event_timestamp_ = 0;
   bool was_read_ = false;
+  bool was_found_ = false;
   std::string directory_;
   // The file image, kept between saves since one follows every block.
   Keel::Collections::Buffer image_;

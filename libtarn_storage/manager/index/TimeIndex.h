@@ -26,6 +26,18 @@ constexpr TimeIndex ToTimeIndex(uint64_t epoch_seconds) {
                    static_cast<uint32_t>(since % kDayLengthSeconds)};
 }
 
+// The writer's form: a reading the day number cannot hold (before 2000, or
+// past day 65535) is refused instead of wrapped, so that no event is ever
+// filed on a day the clock never saw. False leaves `out` unchanged.
+constexpr bool ToStoreTime(uint64_t epoch_seconds, TimeIndex& out) {
+  if (epoch_seconds < kEpoch2000) return false;
+  const uint64_t since = epoch_seconds - kEpoch2000;
+  if (since / kDayLengthSeconds > 0xFFFF) return false;
+  out = TimeIndex{static_cast<uint16_t>(since / kDayLengthSeconds),
+                  static_cast<uint32_t>(since % kDayLengthSeconds)};
+  return true;
+}
+
 // The epoch second of a second of a day, for days after 2000.
 constexpr uint64_t ToEpochSeconds(uint16_t day, uint32_t second) {
   return kEpoch2000 + static_cast<uint64_t>(day) * kDayLengthSeconds + second;

@@ -186,6 +186,16 @@ void StorageTelemetry::unreachable_reached() {
   Bump(unreachable_reached_count_);
 }
 
+void StorageTelemetry::notify_clock_refused() {
+  MutexGuard lock(&mutex_);
+  Bump(clock_refused_events_count_);
+}
+
+void StorageTelemetry::notify_file_set_aside() {
+  MutexGuard lock(&mutex_);
+  Bump(files_set_aside_count_);
+}
+
 bool StorageTelemetry::ready_to_send(TelemetrySettings settings, bool force) {
   (void)settings;
   MutexGuard lock(&mutex_);
@@ -214,6 +224,8 @@ StorageTelemetry::Snapshot StorageTelemetry::snapshot() const {
   s.discarded_blocks_count = discarded_blocks_count_;
   s.cache_miss_count = cache_miss_count_;
   s.unreachable_reached_count = unreachable_reached_count_;
+  s.clock_refused_events_count = clock_refused_events_count_;
+  s.files_set_aside_count = files_set_aside_count_;
   for (uint32_t type = 0; type < kEventTypes; ++type) s.events_count += counters_[type];
   s.last_sent = last_sent_;
   s.pending_events = pending_events_;

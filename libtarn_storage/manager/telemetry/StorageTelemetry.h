@@ -95,6 +95,8 @@ class StorageTelemetry {
     uint32_t cache_miss_count = 0;
     uint32_t unreachable_reached_count = 0;
     uint64_t events_count = 0;  // types 0..1023
+    uint32_t clock_refused_events_count = 0;
+    uint32_t files_set_aside_count = 0;
     uint64_t last_sent = 0;
     uint32_t pending_events = 0;  // first gating number
     uint32_t pending_blocks = 0;  // second gating number
@@ -128,6 +130,11 @@ class StorageTelemetry {
   void notify_events_buffer_discarded();
   void notify_worker_triggered(WorkerTaskData&& task);
   void unreachable_reached();
+  // An event refused because the clock read a time the store cannot file
+  // (before 2000, or past the last day a day number holds).
+  void notify_clock_refused();
+  // A store file that kept failing to read was moved aside.
+  void notify_file_set_aside();
 
   bool ready_to_send(TelemetrySettings settings, bool force);
   // When a report is due, sends it to the cloud channel; once it is sent the
@@ -185,6 +192,8 @@ class StorageTelemetry {
   uint32_t discarded_blocks_count_ = 0;
   uint32_t cache_miss_count_ = 0;
   uint32_t unreachable_reached_count_ = 0;
+  uint32_t clock_refused_events_count_ = 0;
+  uint32_t files_set_aside_count_ = 0;
   Timing compression_;
   Timing uncompression_;
   Timing processing_;

@@ -84,6 +84,8 @@ bool StorageTelemetry::AddFields(TreeContainer::Node root, const Snapshot& s, ui
       {"cache_miss_count", s.cache_miss_count},
       {"unreachable_reached_count", s.unreachable_reached_count},
       {"events_count", s.events_count},
+      {"clock_refused_events_count", s.clock_refused_events_count},
+      {"files_set_aside_count", s.files_set_aside_count},
   };
   for (const auto& f : trailing) {
     if (!root.Set(f.key, f.value)) return fail();
@@ -145,14 +147,16 @@ bool StorageTelemetry::to_disk(TreeContainer& doc) {
     return false;
   }
   text.push_back('\n');
+  // Written aside and renamed into place, as every file of the store is: a
+  // report under its name is always whole.
+  const std::string temp = path + ".temp";
   Keel::OS::File file;
-  bool ok = file.Open(path, Keel::OS::File::Mode::CreateTruncate) &&
+  bool ok = file.Open(temp, Keel::OS::File::Mode::CreateTruncate) &&
             file.Write(text.data(), text.size()) && file.Flush();
   ok = file.Close() && ok;
-  if (!ok) {
-    LogError(kWriteFailed, file.LastError());
-    // A torn report is worth nothing; leave no half file behind.
-    Keel::OS::FileSystem::DeleteFile(path);
+  if (!ok || !Keel::OS::FileSystem::MoveFile(temp, path)) {
+    LogError(kWriteFailed, ok ? Keel::OS::FileSystem::LastError() : file.LastError());
+    Keel::OS::FileSystem::DeleteFile(temp);
     return false;
   }
   return true;

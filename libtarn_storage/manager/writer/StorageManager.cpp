@@ -55,6 +55,11 @@ enum Message : uint32_t {
   kHostValue = 29,
   kStopped = 30,
   kTakeBackFailed = 31,
+  kClockUnusable = 32,
+  kIndexSetAside = 33,
+  kIndexPinned = 34,
+  kIndexMerged = 35,
+  kFinalDisarmFailed = 36,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -105,40 +110,40 @@ bool StorageManager::Create(const Settings& settings, ITimeProvider* clock, uint
     Log(Keel::Log::Error, kBuffersCreateFailed);
     return false;
   }
-  if (settings_.reset_mode == 1 && !catalog_.Wipe()) {
-    Log(Keel::Log::Error, kWipeFailed);
-    return false;
-  }
-  if (!index_.load(settings_)) {
+  catalog_.SetTelemetry(&telemetry_);
+  // A wipe that leaves files behind goes on: they are counted, and go first.
+  if (settings_.reset_mode == 1 && !catalog_.Wipe()) Log(Keel::Log::Error, kWipeFailed);
+  catalog_.Survey();
+  if (!LoadIndex()) {
     Log(Keel::Log::Error, kIndexLoadFailed);
     return false;
   }
   // The host value is only recorded: the clock alone places events.
   Log(Keel::Log::Information, kHostValue, host_value_, index_.last_event_timestamp());
+  TimeIndex now;
+  const bool clock_usable = Now(now);
   if (!LoadDatabases()) {
     Log(Keel::Log::Error, kLoadDatabasesFailed);
     return false;
   }
 
-  const TimeIndex now = Now();
   uint16_t* newest = nullptr;
-  if (index_.tree().GetMaxUnsafe(newest) != nullptr && *newest > now.day) {
+  if (clock_usable && index_.tree().GetMaxUnsafe(newest) != nullptr && *newest > now.day) {
     // Days from the future would never be evicted in order: start over.
     Log(Keel::Log::Error, kClockWentBack, *newest, now.day);
     MutexGuard lock(mutex_.get());
-    if (!catalog_.Wipe()) {
-      Log(Keel::Log::Error, kWipeFailed);
-      return false;
-    }
+    if (!catalog_.Wipe()) Log(Keel::Log::Error, kWipeFailed);
     index_lost_ = false;
-    if (!SaveIndex()) return false;
+    SaveIndex();
   }
 
-  builder_.day = now.day;
   builder_.capacity = settings_.block_buffer_size;
-  if (!StartWriter() || !TakeBackFinalBlock()) return false;
+  if (!StartWriter()) return false;
+  TakeBackFinalBlock();
   {
     MutexGuard lock(&builder_.mutex);
+    // Until the clock reads a time the store can file, no day is open.
+    if (clock_usable) StartDay(now.day);
     builder_.ready = true;
   }
   running_.store(true);
@@ -176,27 +181,79 @@ bool StorageManager::LockDirectory() {
   return true;
 }
 
+bool StorageManager::LoadIndex() {
+  if (!index_.load(settings_)) return false;
+  // Once more before believing it: most failures pass.
+  if (!index_.was_read() && index_.was_found() && !index_.load(settings_)) return false;
+  if (!index_.was_read() && index_.was_found()) {
+    // It may hold days no other file names. Set aside, it is tried again at
+    // every start until it reads (and the recover tool reads it too).
+    if (catalog_.SetAside(Index::FILENAME)) {
+      Log(Keel::Log::Error, kIndexSetAside);
+    } else {
+      Log(Keel::Log::Error, kIndexPinned);
+      index_pinned_ = true;
+    }
+  }
+  MergeAsideIndexes();
+  return true;
+}
+
+void StorageManager::MergeAsideIndexes() {
+  for (const std::string& name : catalog_.AsideIndexes()) {
+    Index aside;
+    aside.set_directory(catalog_.directory());
+    Keel::Utils::String path(catalog_.PathOf(name));
+    if (!aside.try_load_existing(settings_, path)) continue;
+    // Its days that the index does not hold come back; reconciliation then
+    // checks them against the files like every other day.
+    uint32_t merged = 0;
+    aside.tree().Iterate(
+        [&](const uint16_t& day, DayInfo& info, void*, bool&) {
+          if (index_.tree().SearchUnsafe(day) == nullptr && info.GetBlockCount() != 0 &&
+              index_.tree().Insert(day, info)) {
+            ++merged;
+          }
+          return true;
+        },
+        nullptr);
+    index_.set_last_event_timestamp(
+        std::max(index_.last_event_timestamp(), aside.last_event_timestamp()));
+    Log(Keel::Log::Warning, kIndexMerged, merged);
+    merged_indexes_.push_back(name);
+  }
+}
+
 bool StorageManager::LoadDatabases() {
   MutexGuard lock(mutex_.get());
-  bool changed = false;
-  if (!catalog_.Reconcile(index_.was_read(), changed)) return false;
-  index_lost_ = !index_.was_read() && !catalog_.LooseFiles().empty();
+  bool changed = !merged_indexes_.empty();
+  catalog_.Reconcile(index_.was_read(), changed);
+  index_lost_ = !index_.was_read() && merged_indexes_.empty() && !catalog_.LooseFiles().empty();
   // A new store gets its index file before its first block, so that a day
   // file without index entries can later be told from one whose index was
   // lost (see StoreCatalog).
-  const bool fresh = !index_.was_read() && !index_lost_;
+  const bool fresh = !index_.was_read() && !index_.was_found() && !index_lost_;
   uint32_t days = index_.tree().GetCount();
   uint64_t size = catalog_.TotalSize();
-  catalog_.EnforceLimits(settings_, Now().day);
+  TimeIndex now;
+  uint16_t* newest = nullptr;
+  // With a clock the store cannot use, the newest day is the one kept.
+  const uint16_t current = Now(now) ? now.day
+                           : index_.tree().GetMaxUnsafe(newest) != nullptr ? *newest : 0;
+  catalog_.EnforceLimits(settings_, current);
   changed |= days != index_.tree().GetCount() || size != catalog_.TotalSize();
-  if (!changed && !fresh) return true;
-  return SaveIndex() || !fresh;
+  if ((changed || fresh) && SaveIndex()) {
+    for (const std::string& name : merged_indexes_) FS::DeleteFile(catalog_.PathOf(name));
+    merged_indexes_.clear();
+  }
+  return true;
 }
 
 bool StorageManager::SaveIndex() {
   // Left unsaved while it names nothing: an empty file would make the day
   // files of a lost index look like the newest days' lost saves.
   if (index_lost_ && index_.tree().GetCount() == 0) return true;
+  if (index_pinned_) return true;
   if (!index_.save(index_.last_event_timestamp())) {
     Log(Keel::Log::Error, kIndexSaveFailed, index_.tree().GetCount());
     return false;
@@ -215,75 +272,131 @@ bool StorageManager::StartWriter() {
   return true;
 }
 
-bool StorageManager::TakeBackFinalBlock() {
+void StorageManager::TakeBackFinalBlock() {
   const std::string path = catalog_.PathOf(Utils::kFinalFileName);
   Keel::Collections::Buffer raw;
   uint32_t table_offset = 0;
   uint32_t count = 0;
   uint16_t day = 0;
   FinalFileState state = ReadFinalFile(path, raw, table_offset, count, day);
-  if (state == FinalFileState::Absent) return true;
+  // Once more before believing it: most failures pass.
   if (state == FinalFileState::ReadFailed) {
-    // The file stays for the next start: nothing may be stored before its
-    // block, or the day's blocks would no longer follow time order.
-    Log(Keel::Log::Error, kTakeBackFailed);
-    return false;
+    state = ReadFinalFile(path, raw, table_offset, count, day);
   }
-  if (state != FinalFileState::Ok || AlreadyStored(day, raw)) {
-    // An interrupted shutdown write (its block never became whole), or a
-    // block the previous start stored but did not get to delete.
+  if (state == FinalFileState::Absent) return;
+  if (state == FinalFileState::Incomplete) {
+    // An interrupted shutdown write: its block never became whole.
     Log(Keel::Log::Error, kFinalUnusable, static_cast<uint32_t>(state));
-    if (!FS::DeleteFile(path)) Log(Keel::Log::Error, kFinalDeleteFailed);
-    return true;
+    DeleteFinalFile();
+    return;
   }
-  RawBlockView view(raw.Data(), static_cast<uint32_t>(raw.Size()), table_offset);
+  if (state != FinalFileState::Ok) {
+    // Unreadable, or not a block this store can use: the recover tool may
+    // still make something of it.
+    Log(Keel::Log::Error, kFinalUnusable, static_cast<uint32_t>(state));
+    MutexGuard lock(mutex_.get());
+    if (!catalog_.SetAside(Utils::kFinalFileName)) final_pending_.store(true);
+    return;
+  }
+  if (AlreadyStored(day, raw, table_offset, count)) {
+    Log(Keel::Log::Warning, kFinalUnusable, count);
+    DeleteFinalFile();
+    return;
+  }
   MutexGuard lock(&builder_.mutex);
   builder_.block.Reset();
+  // Filed after the day's newest block: seconds below the day's floor rise
+  // to it, as for any event that arrives after the clock stepped back.
+  uint32_t floor = DayFloor(day);
+  RawBlockView view(raw.Data(), static_cast<uint32_t>(raw.Size()), table_offset);
   bool copied = builder_.block.raw.Push(raw.Data(), table_offset);
   for (uint32_t i = 0; copied && i < count; ++i) {
     const uint8_t* record = nullptr;
     uint32_t size = 0;
+    floor = std::max(floor, view.Second(i));
     copied = view.Event(i, record, size) &&
              builder_.block.entries.Add(
-                 BlockEntry{static_cast<uint32_t>(record - raw.Data()), view.Second(i)});
+                 BlockEntry{static_cast<uint32_t>(record - raw.Data()), floor});
   }
   if (!copied) {
-    Log(Keel::Log::Error, kFinalUnusable, count);
+    Log(Keel::Log::Error, kTakeBackFailed, count);
     builder_.block.Reset();
-    return false;
+    return;
   }
   // The writer deletes the shutdown file once the block is in its day file;
   // the store starts only after that, answering with every event it holds.
-  const uint64_t lost = lost_blocks_.load();
-  if (!HandOver(kOnInit, day)) return false;
+  // A block that cannot be stored now stays in the file for the next start.
+  final_pending_.store(true);
+  if (!HandOver(kOnInit, day)) return;
   writer_idle_.Wait(Event::kInfinite);
   writer_idle_.Set();
-  // A block too large for the whole budget was dropped with its file.
-  if (lost_blocks_.load() != lost && FS::Exists(path)) {
-    lost_blocks_reported_.store(lost_blocks_.load());
-    Log(Keel::Log::Error, kTakeBackFailed);
-    return false;
-  }
-  return true;
+  builder_.handed = false;
+  lost_blocks_reported_.store(lost_blocks_.load());
 }
 
-bool StorageManager::AlreadyStored(uint16_t day, const Keel::Collections::Buffer& raw) {
+bool StorageManager::AlreadyStored(uint16_t day, const Keel::Collections::Buffer& raw,
+                                   uint32_t table_offset, uint32_t count) {
   MutexGuard lock(mutex_.get());
   DayInfo* info = index_.tree().SearchUnsafe(day);
-  if (info == nullptr || info->GetBlockCount() == 0) return false;
-  const BlockInfo* last = info->GetBlock(info->GetBlockCount() - 1);
-  if (last->version != DayInfo::kInitialVersion) return false;
+  if (info == nullptr) return false;
+  // Any block of the day may be it, not only the last: more may have come
+  // after it. Its seconds may have risen to the day's floor; its records
+  // and their offsets are what it is.
+  const std::string path = catalog_.DayFilePath(day, DayInfo::kInitialVersion);
   DayFileReader reader;
   DayFileCheck check;
-  BlockHeader header;
+  bool opened = false;
   Keel::Collections::Buffer stored;
-  return reader.Open(catalog_.DayFilePath(day, last->version), check) &&
-         reader.ReadHeader(last->block_offset, header) && header.raw_size == raw.Size() &&
-         reader.Decode(last->block_offset, header, stored) &&
-         std::memcmp(stored.Data(), raw.Data(), raw.Size()) == 0;
+  for (uint32_t b = 0; b < info->GetBlockCount(); ++b) {
+    const BlockInfo* block = info->GetBlock(b);
+    if (block->version != DayInfo::kInitialVersion || block->events_count != count) continue;
+    if (!opened && !(opened = reader.Open(path, check))) return false;
+    BlockHeader header;
+    if (!reader.ReadHeader(block->block_offset, header) || header.table_offset != table_offset ||
+        header.raw_size != raw.Size() || !reader.Decode(block->block_offset, header, stored)) {
+      continue;
+    }
+    if (std::memcmp(stored.Data(), raw.Data(), table_offset) != 0) continue;
+    const RawBlockView mine(raw.Data(), static_cast<uint32_t>(raw.Size()), table_offset);
+    const RawBlockView theirs(stored.Data(), static_cast<uint32_t>(stored.Size()), table_offset);
+    bool same = true;
+    for (uint32_t i = 0; same && i < count; ++i) {
+      const uint8_t *a = nullptr, *c = nullptr;
+      uint32_t a_size = 0, c_size = 0;
+      same = mine.Event(i, a, a_size) && theirs.Event(i, c, c_size) && a - raw.Data() ==
+             c - stored.Data() && a_size == c_size;
+    }
+    if (same) return true;
+  }
+  return false;
 }
 
-TimeIndex StorageManager::Now() { return ToTimeIndex(clock_->GetEpochTime()); }
+bool StorageManager::Now(TimeIndex& now) {
+  if (ToStoreTime(clock_->GetEpochTime(), now)) return true;
+  Log(Keel::Log::Error, kClockUnusable, clock_->GetEpochTime());
+  return false;
+}
+
+uint32_t StorageManager::DayFloor(uint16_t day) {
+  uint32_t floor = 0;
+  {
+    MutexGuard lock(mutex_.get());
+    const DayInfo* info = index_.tree().SearchUnsafe(day);
+    const uint32_t last = info != nullptr ? info->GetLastEventSecondOfDay() : DayInfo::InvalidSecond;
+    if (last != DayInfo::InvalidSecond) floor = last;
+  }
+  // The block handed over last may still be on its way to the index.
+  if (builder_.handed && builder_.handed_day == day) {
+    floor = std::max(floor, builder_.handed_last_second);
+  }
+  return floor;
+}
+
+void StorageManager::StartDay(uint16_t day) {
+  builder_.day = day;
+  builder_.has_day = true;
+  builder_.floor = DayFloor(day);
+}
 
 bool StorageManager::AddEvent(const Events::Objects::Base& event) {
   MutexGuard lock(&builder_.mutex);
@@ -296,17 +409,21 @@ bool StorageManager::AddEvent(const Events::Objects::Base& event) {
     Log(Keel::Log::Error, kBadEventRecord, event.Size());
     return false;
   }
-  const TimeIndex now = Now();
+  TimeIndex now;
+  if (!Now(now)) {
+    telemetry_.notify_clock_refused();
+    return false;
+  }
   telemetry_.notify_on_event(header.TypeId());
   const auto* record = static_cast<const uint8_t*>(event.Data());
   const uint32_t size = header.Size();
 
-  if (now.day != builder_.day) {
+  if (!builder_.has_day || now.day != builder_.day) {
     // The first event of a day starts a new block and skips the size tests.
     // An empty block is handed over all the same: the writer skips it, and
     // telemetry counts every cut.
-    HandOver(kOnEvent, builder_.day);
-    builder_.day = now.day;
+    if (builder_.has_day) HandOver(kOnEvent, builder_.day);
+    StartDay(now.day);
     return Append(record, size, now.second);
   }
   if (static_cast<uint64_t>(size) + sizeof(BlockEntry) > builder_.capacity) {
@@ -322,15 +439,18 @@ bool StorageManager::AddEvent(const Events::Objects::Base& event) {
 bool StorageManager::Append(const uint8_t* record, uint32_t size, uint32_t second) {
   BlockBuffers& block = builder_.block;
   const uint64_t offset = block.raw.Size();
+  // Never below a second already recorded for the day.
+  second = std::max(second & kSecondMask, builder_.floor);
   if (!block.raw.Push(record, size)) {
     Log(Keel::Log::Error, kAppendFailed, size);
     return false;
   }
-  if (!block.entries.Add(BlockEntry{static_cast<uint32_t>(offset), second & kSecondMask})) {
+  if (!block.entries.Add(BlockEntry{static_cast<uint32_t>(offset), second})) {
     block.raw.Resize(offset);  // a record never stays without its entry
     Log(Keel::Log::Error, kAppendFailed, size);
     return false;
   }
+  builder_.floor = second;
   return true;
 }
 
@@ -341,6 +461,14 @@ bool StorageManager::HandOver(HandOverReason reason, uint16_t day) {
     lost_blocks_.fetch_add(1);
     builder_.block.Reset();
     return false;
+  }
+  const BlockEntry* last = builder_.block.entries.Empty()
+                               ? nullptr
+                               : builder_.block.entries.Get(builder_.block.entries.Count() - 1);
+  if (last != nullptr) {
+    builder_.handed = true;
+    builder_.handed_day = day;
+    builder_.handed_last_second = last->second_word & kSecondMask;
   }
   {
     MutexGuard lock(mutex_.get());
@@ -414,7 +542,10 @@ bool StorageManager::WriteDayBlock() {
     telemetry_.notify_events_buffer_discarded();
     telemetry_.notify_buffer_processing_ended(report);
     lost_blocks_.fetch_add(1);
-    if (pending_reason_ == kOnInit) DeleteFinalFile();
+    if (pending_reason_ == kOnInit) {
+      DeleteFinalFile();
+      final_pending_.store(false);
+    }
     return true;
   }
   if (placement == StoreCatalog::Placement::kFail) {
@@ -424,9 +555,7 @@ bool StorageManager::WriteDayBlock() {
     return false;
   }
   if (!WriteBlock(file, offset, encoded.header, compressed_)) {
-    // The index still ends before this block; cut what reached the file so
-    // the next block goes to the same offset.
-    file.Truncate(offset);
+    catalog_.AbandonBlock(pending_day_, file, offset);
     telemetry_.notify_buffer_processing_ended(report);
     return false;
   }
@@ -441,7 +570,10 @@ bool StorageManager::WriteDayBlock() {
   // A failed save loses nothing: the next start finds the block after the
   // last indexed one, and the next save names it.
   SaveIndex();
-  if (pending_reason_ == kOnInit) DeleteFinalFile();
+  if (pending_reason_ == kOnInit) {
+    DeleteFinalFile();
+    final_pending_.store(false);
+  }
   report = Telemetry::EventBlockData{pending_day_, encoded.header.raw_size,
                                      encoded.header.stored_size, encoded.event_count,
                                      pending_reason_};
@@ -450,9 +582,13 @@ bool StorageManager::WriteDayBlock() {
 }
 
 void StorageManager::DeleteFinalFile() {
-  if (!FS::DeleteFile(catalog_.PathOf(Utils::kFinalFileName))) {
-    Log(Keel::Log::Error, kFinalDeleteFailed);
-  }
+  const std::string path = catalog_.PathOf(Utils::kFinalFileName);
+  if (FS::DeleteFile(path)) return;
+  Log(Keel::Log::Error, kFinalDeleteFailed);
+  // Its magic cleared, the file reads as an interrupted write and is deleted
+  // at the next start; if even that fails, the next start finds its block
+  // already stored.
+  if (!DisarmFinalFile(path)) Log(Keel::Log::Error, kFinalDisarmFailed);
 }
 
 bool StorageManager::WriteFinalBlock() {
@@ -501,7 +637,7 @@ bool StorageManager::Stop() {
   {
     MutexGuard lock(&builder_.mutex);
     builder_.ready = false;
-    ok = HandOver(kOnClose, builder_.day);
+    ok = HandOver(final_pending_.load() ? kOnEvent : kOnClose, builder_.day);
   }
   writer_idle_.Wait(Event::kInfinite);
   stop_flag_.exchange(1);
@@ -525,8 +661,12 @@ Settings StorageManager::GetSettings() {
 
 bool StorageManager::UpdateSettings(const Settings& settings) {
   if (!Settings::Validate(settings)) return false;
+  MutexGuard builder(&builder_.mutex);
   MutexGuard lock(mutex_.get());
-  return settings_.Load(settings);
+  if (!settings_.Load(settings)) return false;
+  // A new block size holds from the next event on.
+  builder_.capacity = settings_.block_buffer_size;
+  return true;
 }
 
 bool StorageManager::ProcessIndex(Processor processor, void* context) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Keel/Collections/Buffer.h"
 #include "Keel/OS/File.h"
@@ -46,11 +47,15 @@ class StorageManager final : public Telemetry::ReportContributor {
 
   // Opens the store in `directory_override` (or the default directory),
   // loads and reconciles the index, starts the writer and takes back the
-  // block the previous run left behind. False when the store cannot run.
+  // block the previous run left behind. False when the store cannot run:
+  // no directory, no lock, no memory. No file of the store that fails to
+  // read stops it: such a file is set aside and storing goes on.
   bool Create(const Settings& settings, ITimeProvider* clock, uint32_t host_value,
               const char* directory_override);
 
-  // Appends one event record to the open block. False when refused.
+  // Appends one event record to the open block. False when refused: not
+  // running, a bad record, one too large for a block, or a clock reading the
+  // store cannot file (before 2000, or past day 65535).
   bool AddEvent(const Events::Objects::Base& event);
 
   // Hands the open block over and waits until the writer is idle, so every
@@ -85,30 +90,53 @@ class StorageManager final : public Telemetry::ReportContributor {
 
  private:
   // The intake side: the block being filled and the day it belongs to.
+  //
+  // Within a day the writer never records a second below one it recorded
+  // before for that day, in this run or an earlier one: a clock that steps
+  // back files its events at the last second recorded (each event keeps
+  // its own time in its record), so that a day's blocks, and the entries
+  // inside each, stay in order of their seconds.
   struct Builder {
     Keel::OS::Threading::Mutex mutex;
     BlockBuffers block;
     bool ready = false;
+    bool has_day = false;  // false until the clock read a time the store can file
     uint16_t day = 0;
+    uint32_t floor = 0;  // the last second recorded for `day`
     uint32_t capacity = 0;
+    // The last block handed over, which the index may not hold yet.
+    bool handed = false;
+    uint16_t handed_day = 0;
+    uint32_t handed_last_second = 0;
   };
 
   bool OpenDirectory(const char* directory_override);
   bool LockDirectory();
+  // Loads the index; one that exists and does not read twice is set aside,
+  // never saved over, and set-aside indexes that read now are merged.
+  bool LoadIndex();
+  void MergeAsideIndexes();
   bool LoadDatabases();
   bool StartWriter();
-  // Stores the block the previous run left in the shutdown file. False when
-  // it cannot be read or stored now: the file then stays for the next start.
-  bool TakeBackFinalBlock();
-  // True when the day's last block holds exactly `raw`: the previous start
+  // Stores the block the previous run left in the shutdown file. Whatever
+  // fails, the store starts: a file that cannot be read goes aside, and a
+  // block that cannot be stored now stays for the next start.
+  void TakeBackFinalBlock();
+  // True when a block of `day` holds exactly these records: an earlier start
   // took the shutdown block back but did not get to delete its file.
-  bool AlreadyStored(uint16_t day, const Keel::Collections::Buffer& raw);
+  bool AlreadyStored(uint16_t day, const Keel::Collections::Buffer& raw, uint32_t table_offset,
+                     uint32_t count);
   void DeleteFinalFile();
   // Requires the manager mutex.
   bool SaveIndex();
   bool NoBlockLostSinceLastAsked();
 
-  TimeIndex Now();
+  // Reads the clock; false (logged, counted) for a time the store cannot file.
+  bool Now(TimeIndex& now);
+  // The last second recorded for `day`. Requires the builder mutex.
+  uint32_t DayFloor(uint16_t day);
+  // Requires the builder mutex.
+  void StartDay(uint16_t day);
   bool Append(const uint8_t* record, uint32_t size, uint32_t second);
   // Requires the builder mutex.
   bool HandOver(HandOverReason reason, uint16_t day);
@@ -128,9 +156,18 @@ class StorageManager final : public Telemetry::ReportContributor {
   // the ones they have not reported yet.
   std::atomic<uint64_t> lost_blocks_{0};
   std::atomic<uint64_t> lost_blocks_reported_{0};
+  // The previous run's shutdown block is still in its file, not stored: the
+  // stop then writes the open block to its day file instead, so that the
+  // waiting block is not overwritten.
+  std::atomic<bool> final_pending_{false};
   // Started without a usable index while day files existed (guarded by the
   // manager mutex).
   bool index_lost_ = false;
+  // An index file that could be neither read nor set aside: never saved
+  // over, so this run's blocks are found again from the files.
+  bool index_pinned_ = false;
+  // Set-aside index files merged at start, deleted once the index is saved.
+  std::vector<std::string> merged_indexes_;
 
   // The block being written, owned by the writer between hand-overs.
   BlockBuffers pending_;

@@ -1,6 +1,7 @@
 #include "manager/writer/StoreCatalog.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "Keel/Log.h"
 #include "Keel/OS/FileSystem.h"
@@ -8,8 +9,9 @@
 #include "manager/format/DayFile.h"
 #include "manager/format/DayFileReader.h"
 #include "manager/format/FinalFile.h"
-#include "manager/index/Index.h"
 #include "manager/format/StorageHelper.h"
+#include "manager/index/Index.h"
+#include "manager/telemetry/StorageTelemetry.h"
 
 namespace Tarn::Storage {
 namespace {
@@ -30,10 +32,14 @@ enum Message : uint32_t {
   kLooseEvicted = 12,
   kRecordUnknownDay = 13,
   kFilePastAddressableSize = 14,
-  kTornTailCut = 15,
-  kTruncateFailed = 16,
   kWipeListFailed = 17,
   kDayFileOpenFailed = 18,
+  kSetAside = 19,
+  kSetAsideFailed = 20,
+  kAsideEvicted = 21,
+  kIndexFull = 22,
+  kCutBackFailed = 23,
+  kDayFileReplaced = 24,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -43,11 +49,18 @@ void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uin
 // Block offsets are 32-bit in the index.
 constexpr uint64_t kMaxDayFileSize = 0xFFFFFFFFull;
 
+// Failures that say the system is short of something for a while, not that
+// the file cannot be read: such a file is never set aside for them.
+bool IsShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EAGAIN ||
+         error == EINTR;
+}
+
 }  // namespace
 
 StoreCatalog::StoreCatalog(Index& index) : index_(index) {}
 
-std::string StoreCatalog::PathOf(const char* name) const {
+std::string StoreCatalog::PathOf(const std::string& name) const {
   return Keel::OS::Path::Join(directory_, name);
 }
 
@@ -56,6 +69,7 @@ std::string StoreCatalog::DayFilePath(uint16_t day, uint8_t version) const {
 }
 
 void StoreCatalog::EnforceLimits(const Settings& settings, uint16_t current_day) {
+  RefreshAsideSizes();
   while (index_.tree().GetCount() > settings.max_days) {
     if (!EvictOldestDay(current_day)) break;
   }
@@ -71,23 +85,25 @@ StoreCatalog::Placement StoreCatalog::PlaceBlock(const Settings& settings, uint1
     Log(Keel::Log::Error, kBlockEmptyOrTooLarge, size, settings.max_storage_size);
     return Placement::kDrop;
   }
-  bool added = false;
-  DayInfo* info = FindOrAddDay(settings, day, added);
-  if (info == nullptr) return Placement::kFail;
+  RefreshAsideSizes();
+  DayInfo* info = index_.tree().SearchUnsafe(day);
+  if (BlockLimitReached(day, info)) return Placement::kDrop;
+  if (info == nullptr) {
+    if (!MakeRoomForDay(settings, day)) return Placement::kFail;
+    info = NewDay(day);
+    if (info == nullptr) return Placement::kFail;
+  }
 
   Placement placement = OpenVersionForWriting(day, *info, file);
   if (placement == Placement::kFail) {
-    // A new day that never got a block leaves no trace in the index.
-    if (added && info->GetBlockCount() == 0) {
-      indexed_size_ -= std::min(indexed_size_, info->totalOnDiskSize());
-      index_.tree().Erase(day);
-    }
+    if (info == &new_day_info_) ReleaseNewDay(day);
     return placement;
   }
   offset = info->onDiskSize(DayInfo::kInitialVersion);
   if (offset + size > kMaxDayFileSize) {
     Log(Keel::Log::Error, kFilePastAddressableSize, day, offset, size);
     file.Close();
+    if (info == &new_day_info_) ReleaseNewDay(day);
     return Placement::kDrop;
   }
   // The current day stays even when it alone passes the budget.
@@ -97,42 +113,77 @@ StoreCatalog::Placement StoreCatalog::PlaceBlock(const Settings& settings, uint1
   return placement;
 }
 
-DayInfo* StoreCatalog::FindOrAddDay(const Settings& settings, uint16_t day, bool& added) {
-  auto& tree = index_.tree();
-  added = false;
-  if (DayInfo* info = tree.SearchUnsafe(day)) return info;
+bool StoreCatalog::BlockLimitReached(uint16_t day, DayInfo* info) {
+  // Positions hold a day's block number in 24 bits and the index file holds
+  // fewer than 2^24 records: a block past either could never be named.
+  uint64_t records = 0;
+  index_.tree().Iterate(
+      [&records](const uint16_t&, DayInfo& each, void*, bool&) {
+        records += each.GetBlockCount();
+        return true;
+      },
+      nullptr);
+  const uint64_t in_day = info != nullptr ? info->GetBlockCount() : 0;
+  if (records + 1 < Index::kMaxRecords && in_day + 1 <= (1u << 24)) return false;
+  Log(Keel::Log::Error, kIndexFull, day, records, in_day);
+  return true;
+}
 
-  Log(Keel::Log::Information, kNewDay, day);
+bool StoreCatalog::MakeRoomForDay(const Settings& settings, uint16_t day) {
   // Only indexed days count here: deleting a loose file makes no room.
-  while (tree.GetCount() + 1 > settings.max_days) {
+  while (index_.tree().GetCount() + 1 > settings.max_days) {
     if (!EvictOldestDay(day)) {
       Log(Keel::Log::Error, kDayLimitEvictionFailed, day);
-      return nullptr;
+      return false;
     }
   }
-  DayInfo fresh;
-  if (!fresh.Create()) {
+  return true;
+}
+
+DayInfo* StoreCatalog::NewDay(uint16_t day) {
+  if (has_new_day_ && new_day_ == day) return &new_day_info_;
+  Log(Keel::Log::Information, kNewDay, day);
+  new_day_info_ = DayInfo();
+  if (!new_day_info_.Create()) {
     Log(Keel::Log::Error, kDayCreateFailed, day);
+    has_new_day_ = false;
     return nullptr;
   }
-  if (!tree.Insert(day, std::move(fresh))) {
-    Log(Keel::Log::Error, kDayInsertFailed, day);
-    return nullptr;
+  has_new_day_ = true;
+  new_day_ = day;
+  return &new_day_info_;
+}
+
+void StoreCatalog::ReleaseNewDay(uint16_t day) {
+  if (!has_new_day_ || new_day_ != day) return;
+  has_new_day_ = false;
+  // What the day's file holds (a header, the bytes of a failed write) stays
+  // counted, as a loose file, until a block of the day makes it indexed.
+  for (uint32_t i = 0; i < new_day_info_.GetVersionCount(); ++i) {
+    const VersionInfo* version = new_day_info_.GetVersion(i);
+    indexed_size_ -= std::min(indexed_size_, version->on_disk_size);
+    uint64_t size = 0;
+    if (FS::GetFileSize(DayFilePath(day, version->version), size) && size != 0) {
+      AddLooseFile(day, version->version, size);
+    }
   }
-  added = true;
-  return tree.SearchUnsafe(day);
+  new_day_info_ = DayInfo();
 }
 
 StoreCatalog::Placement StoreCatalog::OpenVersionForWriting(uint16_t day, DayInfo& info,
                                                             Keel::OS::File& file) {
   const uint8_t version = DayInfo::kInitialVersion;
   const uint64_t known = info.onDiskSize(version);
+  const std::string path = DayFilePath(day, version);
   uint64_t size = 0;
-  switch (OpenDayFileForAppend(DayFilePath(day, version), file, size, true)) {
+  AppendOpen opened = OpenDayFileForAppend(path, file, size, true);
+  // Once more before believing it: most failures pass.
+  if (opened == AppendOpen::kIoError) opened = OpenDayFileForAppend(path, file, size, true);
+  switch (opened) {
     case AppendOpen::kIoError:
-      // The file may be whole: keep it and its blocks, fail only this block.
-      Log(Keel::Log::Error, kDayFileOpenFailed, day, version);
-      return Placement::kFail;
+      Log(Keel::Log::Error, kDayFileOpenFailed, day, version, file.LastError());
+      if (IsShortage(file.LastError())) return Placement::kFail;
+      return ReplaceUnreadableFile(day, info, file);
     case AppendOpen::kBadHeader:
       return ReplaceUnusableFile(day, info, file);
     case AppendOpen::kOk:
@@ -182,8 +233,45 @@ StoreCatalog::Placement StoreCatalog::ReplaceUnusableFile(uint16_t day, DayInfo&
   return Placement::kCreated;
 }
 
+StoreCatalog::Placement StoreCatalog::ReplaceUnreadableFile(uint16_t day, DayInfo& info,
+                                                            Keel::OS::File& file) {
+  // The day's file keeps failing (a bad sector, a file some other program
+  // holds): it goes aside with its blocks, for the recover tool, and the day
+  // goes on in a new file, so that storing goes on.
+  const uint8_t version = DayInfo::kInitialVersion;
+  if (!SetAside(Utils::DayFileName(day, version))) return Placement::kFail;
+  ForgetLooseFile(day, version);
+  indexed_size_ -= std::min(indexed_size_, info.onDiskSize(version));
+  info.ClearVersion(version);
+  NextGeneration();
+  uint64_t size = 0;
+  if (OpenDayFileForAppend(DayFilePath(day, version), file, size, true) != AppendOpen::kOk) {
+    Log(Keel::Log::Error, kDayFileCreateFailed, day);
+    return Placement::kFail;
+  }
+  Log(Keel::Log::Warning, kDayFileReplaced, day, version);
+  info.setOnDiskSize(version, size);
+  indexed_size_ += size;
+  return Placement::kCreated;
+}
+
 bool StoreCatalog::RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on_disk_size) {
   DayInfo* info = index_.tree().SearchUnsafe(day);
+  if (info == nullptr && has_new_day_ && new_day_ == day) {
+    // The day enters the index with its first block.
+    if (!new_day_info_.AddBlock(block) || !index_.tree().Insert(day, std::move(new_day_info_))) {
+      Log(Keel::Log::Error, kDayInsertFailed, day);
+      ReleaseNewDay(day);
+      return false;
+    }
+    has_new_day_ = false;
+    new_day_info_ = DayInfo();
+    info = index_.tree().SearchUnsafe(day);
+    if (info == nullptr) return false;
+    info->addOnDiskSize(block.version, on_disk_size);
+    indexed_size_ += on_disk_size;
+    return true;
+  }
   if (info == nullptr) {
     Log(Keel::Log::Error, kRecordUnknownDay, day);
     return false;
@@ -192,6 +280,16 @@ bool StoreCatalog::RecordBlock(uint16_t day, const BlockInfo& block, uint64_t on
   info->addOnDiskSize(block.version, on_disk_size);
   indexed_size_ += on_disk_size;
   return true;
+}
+
+void StoreCatalog::AbandonBlock(uint16_t day, Keel::OS::File& file, uint64_t offset) {
+  // The index still ends before the block; what reached the file goes, so
+  // that the next block of the day starts at the same offset.
+  if (!file.Truncate(offset) || !file.Flush()) {
+    Log(Keel::Log::Error, kCutBackFailed, day, offset, file.LastError());
+  }
+  file.Close();
+  ReleaseNewDay(day);
 }
 
 DayInfo* StoreCatalog::OldestEvictableDay(uint16_t current_day, uint16_t& day) {
@@ -210,6 +308,7 @@ DayInfo* StoreCatalog::OldestEvictableDay(uint16_t current_day, uint16_t& day) {
 }
 
 bool StoreCatalog::EvictOldest(uint16_t current_day) {
+  if (EvictAside()) return true;
   uint16_t oldest_day = 0;
   DayInfo* oldest = OldestEvictableDay(current_day, oldest_day);
   // Loose files oldest first; one that will not go is passed over.
@@ -238,6 +337,26 @@ bool StoreCatalog::EvictOldestDay(uint16_t current_day) {
   }
   EvictIndexedDay(day, *oldest);
   return true;
+}
+
+bool StoreCatalog::EvictAside() {
+  for (size_t i = 0; i < aside_.size(); ++i) {
+    if (!FS::DeleteFile(PathOf(aside_[i].name))) continue;
+    Log(Keel::Log::Information, kAsideEvicted, aside_[i].size);
+    aside_size_ -= std::min(aside_size_, aside_[i].size);
+    aside_.erase(aside_.begin() + static_cast<std::ptrdiff_t>(i));
+    return true;
+  }
+  return false;
+}
+
+void StoreCatalog::RefreshAsideSizes() {
+  for (AsideFile& file : aside_) {
+    uint64_t size = 0;
+    if (file.size != 0 || !FS::GetFileSize(PathOf(file.name), size)) continue;
+    file.size = size;
+    aside_size_ += size;
+  }
 }
 
 bool StoreCatalog::EvictLoose(size_t which) {
@@ -272,8 +391,7 @@ void StoreCatalog::EvictIndexedDay(uint16_t day, DayInfo& info) {
     // The day leaves the index all the same, so that storage goes on; the
     // file stays loose, keeps counting toward the budget and is retried.
     Log(Keel::Log::Error, kDeleteFailed, day, file.version, saved);
-    loose_.push_back(file);
-    loose_size_ += file.size;
+    AddLooseFile(day, file.version, file.size);
   }
   Log(Keel::Log::Information, kEvicted, day, size);
 }
@@ -287,34 +405,91 @@ void StoreCatalog::ForgetLooseFile(uint16_t day, uint8_t version) {
   loose_.erase(it);
 }
 
+void StoreCatalog::AddLooseFile(uint16_t day, uint8_t version, uint64_t size) {
+  ForgetLooseFile(day, version);
+  loose_.push_back({day, version, size});
+  loose_size_ += size;
+}
+
+bool StoreCatalog::SetAside(const std::string& name) {
+  const std::string from = PathOf(name);
+  for (uint32_t attempt = 0; attempt < 100; ++attempt) {
+    const std::string aside = Utils::AsideName(name, attempt);
+    if (FS::Exists(PathOf(aside))) continue;
+    if (!FS::MoveFile(from, PathOf(aside))) break;
+    uint64_t size = 0;
+    // Sized again under the new name: a file that cannot be sized counts 0
+    // until the next start sizes it.
+    if (!FS::GetFileSize(PathOf(aside), size)) size = 0;
+    // A set-aside index is no day file: it is not counted or evicted.
+    if (name != Index::FILENAME) {
+      aside_.push_back({aside, size});
+      aside_size_ += size;
+    }
+    if (telemetry_ != nullptr) telemetry_->notify_file_set_aside();
+    Log(Keel::Log::Warning, kSetAside, attempt, size);
+    return true;
+  }
+  Log(Keel::Log::Error, kSetAsideFailed, FS::LastError());
+  return false;
+}
+
 bool StoreCatalog::Wipe() {
   std::vector<std::string> names;
-  if (!FS::ListDirectory(directory_, names)) {
+  if (!FS::ListDirectory(directory_, names) && !FS::ListDirectory(directory_, names)) {
+    // Without a listing, what the store knows of goes.
     Log(Keel::Log::Error, kWipeListFailed);
-    return false;
+    names = names_;
+    index_.tree().Iterate(
+        [&names](const uint16_t& day, DayInfo& info, void*, bool&) {
+          for (uint32_t i = 0; i < info.GetVersionCount(); ++i) {
+            names.push_back(Utils::DayFileName(day, info.GetVersion(i)->version));
+          }
+          return true;
+        },
+        nullptr);
+    for (const LooseFile& f : loose_) names.push_back(Utils::DayFileName(f.day, f.version));
+    for (const AsideFile& f : aside_) names.push_back(f.name);
+    names.push_back(Utils::kFinalFileName);
+    names.push_back(Index::FILENAME);
   }
   // The index goes first, so that no crash leaves it naming deleted files.
   std::stable_partition(names.begin(), names.end(),
                         [](const std::string& name) { return name == Index::FILENAME; });
-  bool ok = true;
-  for (const std::string& name : names) {
-    uint16_t day = 0;
-    uint8_t version = 0;
-    bool store_file = Utils::IsStorageFile(name.c_str(), false, day, version) ||
-                      name == Index::FILENAME || name == std::string(Index::FILENAME) + ".temp" ||
-                      name == Utils::kFinalFileName;
-    if (store_file && !FS::DeleteFile(PathOf(name.c_str()))) {
-      Log(Keel::Log::Error, kDeleteFailed, day, version);
-      ok = false;
-    }
-  }
-  // A partial wipe fails the start: files left behind would be neither
-  // indexed nor counted.
   index_.clear();
   NextGeneration();
   indexed_size_ = 0;
   loose_size_ = 0;
+  aside_size_ = 0;
   loose_.clear();
+  aside_.clear();
+  day_files_.clear();
+  has_new_day_ = false;
+  bool ok = true;
+  for (const std::string& name : names) {
+    uint16_t day = 0;
+    uint8_t version = 0;
+    const bool day_file = Utils::IsStorageFile(name.c_str(), false, day, version);
+    bool store_file = day_file || name == Index::FILENAME ||
+                      name == std::string(Index::FILENAME) + ".temp" ||
+                      name == Utils::kFinalFileName || !Utils::NameBeforeAside(name).empty();
+    if (!store_file || FS::DeleteFile(PathOf(name))) continue;
+    // A file that will not go must not stop the store: it is counted and
+    // goes first when room is needed.
+    Log(Keel::Log::Error, kDeleteFailed, day, version);
+    ok = false;
+    uint64_t size = 0;
+    const bool sized = FS::GetFileSize(PathOf(name), size);
+    if (!Utils::NameBeforeAside(name).empty()) {
+      aside_.push_back({name, sized ? size : 0});
+      aside_size_ += sized ? size : 0;
+    } else if (day_file && !SetAside(name)) {
+      AddLooseFile(day, version, sized ? size : 0);
+    } else if (name == Utils::kFinalFileName) {
+      SetAside(name);  // its block belongs to a wiped store: never taken back
+    }
+  }
+  names_.clear();
   return ok;
 }
 

@@ -1,37 +1,38 @@
 // tarn recover: rebuilds storage.index.db from the day files of a closed
-// store. The day files are only read; the index is written the way the store
-// writes it (a temporary file renamed over the old one).
+// store, after bringing back the files the store set aside because they kept
+// failing to read. Blocks are read, never changed; the index is written the
+// way the store writes it (a temporary file renamed over the old one).
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <map>
 
+#include "Keel/OS/FileSystem.h"
 #include "Keel/Utils/String.h"
-#include "manager/writer/Settings.h"
+#include "manager/format/FinalFile.h"
+#include "manager/format/StorageHelper.h"
 #include "manager/index/TimeIndex.h"
+#include "manager/writer/Settings.h"
 #include "tarn/cli/Command.h"
 #include "tarn/cli/CommonOptions.h"
 #include "tarn/cli/Progress.h"
+#include "tarn/cli/TextForms.h"
 #include "tarn/offline/StoreFiles.h"
 #include "tarn/offline/StoreLock.h"
-#include "tarn/cli/TextForms.h"
 
 namespace Tarn::Tool {
 namespace {
 
-
-
-
-using Storage::BlockHeader;
+namespace FS = Keel::OS::FileSystem;
 using Storage::BlockInfo;
+using Storage::FileSpan;
 using Storage::RawBlockView;
 using Storage::WalkedBlock;
 
 struct ScannedFile {
   uint16_t day = 0;
   uint8_t version = 0;
-  uint64_t end = 0;  // after its last whole block
+  uint64_t size = 0;
   std::vector<BlockInfo> blocks;
   uint64_t events = 0;
 };
@@ -40,58 +41,164 @@ struct Totals {
   uint64_t blocks = 0;
   uint64_t events = 0;
   uint64_t lost_blocks = 0;
+  uint64_t damaged_spans = 0;
   uint64_t skipped_files = 0;
+  uint64_t still_aside = 0;
   uint64_t newest = 0;  // epoch seconds of the last event
 };
 
-// Walks the blocks of one day file from its header on. A block that does not
-// decode is passed over when its header still says where the next one
-// starts; a header that cannot be a block's ends the walk (a torn tail).
+std::string PathIn(const std::string& directory, const std::string& name) {
+  return directory + "/" + name;
+}
+
+// Copies the whole blocks of `spans` from `reader` to the end of `out`.
+bool CopyBlocks(DayFileReader& reader, const std::vector<FileSpan>& spans, Keel::OS::File& out,
+                uint64_t& at) {
+  std::vector<uint8_t> bytes;
+  for (const FileSpan& span : spans) {
+    if (!span.whole) continue;
+    bytes.resize(span.end - span.offset);
+    if (!reader.file().ReadAtExact(span.offset, bytes.data(), bytes.size()) ||
+        !out.WriteAt(at, bytes.data(), bytes.size())) {
+      return false;
+    }
+    at += bytes.size();
+  }
+  return true;
+}
+
+// A set-aside day file whose name the store has used again since: one file
+// of the day is written holding the set-aside blocks (the older ones) and
+// then the current file's, and put in the current file's place.
+bool MergeDayFiles(const std::string& directory, const AsideEntry& aside, uint8_t version,
+                   std::string& error) {
+  DayFileReader older, newer;
+  Storage::DayFileCheck check;
+  const std::string current = PathIn(directory, aside.original);
+  if (!older.Open(PathIn(directory, aside.name), check, Keel::OS::File::Mode::Read, version) ||
+      !newer.Open(current, check, Keel::OS::File::Mode::Read, version)) {
+    error = "cannot read both files";
+    return false;
+  }
+  std::vector<FileSpan> older_spans, newer_spans;
+  if (!older.Chart({}, older_spans) || !newer.Chart({}, newer_spans)) {
+    error = "a read failed";
+    return false;
+  }
+  const std::string temp = current + ".temp";
+  Keel::OS::File out;
+  uint64_t at = Storage::kDayFileHeaderSize;
+  if (!Storage::CreateDayFile(temp, out) || !CopyBlocks(older, older_spans, out, at) ||
+      !CopyBlocks(newer, newer_spans, out, at) || !out.Flush() || !out.Close() ||
+      !FS::MoveFile(temp, current) || !FS::DeleteFile(PathIn(directory, aside.name))) {
+    FS::DeleteFile(temp);
+    error = "cannot write " + aside.original;
+    return false;
+  }
+  return true;
+}
+
+// Brings back what the store set aside, where it reads now.
+void RestoreAsideFiles(const std::string& directory, const StoreListing& listing, Totals& totals) {
+  for (const AsideEntry& aside : listing.aside) {
+    uint16_t day = 0;
+    uint8_t version = 0;
+    const std::string from = PathIn(directory, aside.name);
+    const std::string to = PathIn(directory, aside.original);
+    if (Storage::Utils::IsStorageFile(aside.original.c_str(), false, day, version)) {
+      DayFileReader reader;
+      Storage::DayFileCheck check;
+      if (!reader.Open(from, check, Keel::OS::File::Mode::Read, version)) {
+        std::printf("aside    %s: still cannot be read; kept aside\n", aside.name.c_str());
+        ++totals.still_aside;
+        continue;
+      }
+      reader.file().Close();
+      std::string error;
+      if (!FS::Exists(to) && FS::MoveFile(from, to)) {
+        std::printf("restored %s as %s\n", aside.name.c_str(), aside.original.c_str());
+      } else if (FS::Exists(to) && MergeDayFiles(directory, aside, version, error)) {
+        std::printf("restored %s into %s, ahead of the blocks written since\n",
+                    aside.name.c_str(), aside.original.c_str());
+      } else {
+        std::printf("aside    %s: could not be brought back (%s); kept aside\n",
+                    aside.name.c_str(), error.empty() ? "rename failed" : error.c_str());
+        ++totals.still_aside;
+      }
+    } else if (aside.original == Storage::Utils::kFinalFileName) {
+      Keel::Collections::Buffer raw;
+      uint32_t table_offset = 0, count = 0;
+      uint16_t final_day = 0;
+      if (Storage::ReadFinalFile(from, raw, table_offset, count, final_day) !=
+              Storage::FinalFileState::Ok ||
+          FS::Exists(to) || !FS::MoveFile(from, to)) {
+        std::printf("aside    %s: cannot be read, or a newer shutdown block waits; kept aside\n",
+                    aside.name.c_str());
+        ++totals.still_aside;
+        continue;
+      }
+      std::printf("restored %s: the store takes its %s events back at its next start\n",
+                  aside.original.c_str(), FormatCount(count).c_str());
+    }
+  }
+}
+
+// Charts one day file from its header on and reads every whole block in it.
+// Bytes that hold no whole block are passed over and reported.
 bool ScanFile(const std::string& directory, const DayFileEntry& file, ScannedFile& scanned,
               Totals& totals, uint64_t& done, Progress& progress) {
   DayFileReader reader;
   Storage::DayFileCheck check;
-  if (!reader.Open(directory + "/" + file.name, check)) {
-    std::printf("skipped  %s: not a day file of this store (bad header)\n", file.name.c_str());
+  std::vector<FileSpan> spans;
+  if (!reader.Open(PathIn(directory, file.name), check, Keel::OS::File::Mode::Read,
+                   file.version) ||
+      !reader.Chart({}, spans)) {
+    std::printf("skipped  %s: not a day file of this store, or unreadable\n", file.name.c_str());
     ++totals.skipped_files;
     return false;
   }
   scanned.day = file.day;
   scanned.version = file.version;
-  // A block that does not decode is passed over while its header still says
-  // where the next one starts.
-  uint64_t done_before = done;
-  const uint64_t offset = reader.Walk(Storage::kDayFileHeaderSize, [&](const WalkedBlock& block) {
+  scanned.size = reader.Size();
+  for (const FileSpan& span : spans) {
+    if (span.whole) continue;
+    const bool tail = &span == &spans.back();
+    std::printf("%s %s: bytes %llu to %llu hold no whole block%s\n",
+                tail ? "tail    " : "damaged ", file.name.c_str(),
+                static_cast<unsigned long long>(span.offset),
+                static_cast<unsigned long long>(span.end),
+                tail ? " (a torn write the store cuts, or damage it keeps)" : "");
+    if (!tail) ++totals.damaged_spans;
+  }
+  const uint64_t done_before = done;
+  const bool read = reader.DecodeSpans(spans, [&](const WalkedBlock& block) {
     if (block.decoded) {
       const RawBlockView& view = block.view;
-      uint32_t count = view.EventCount();
+      const uint32_t count = view.EventCount();
       scanned.blocks.push_back(BlockInfo{static_cast<uint32_t>(block.offset), count,
                                          view.Second(0), view.Second(count - 1), file.version});
       scanned.events += count;
       totals.newest =
           std::max(totals.newest, Storage::ToEpochSeconds(file.day, view.Second(count - 1)));
     } else {
-      std::printf(
-          "lost     %s: the block at offset %llu does not decode; its events are not "
-          "indexed\n",
-          file.name.c_str(), static_cast<unsigned long long>(block.offset));
+      std::printf("lost     %s: the block at offset %llu does not decode; its events are not "
+                  "indexed\n",
+                  file.name.c_str(), static_cast<unsigned long long>(block.offset));
       ++totals.lost_blocks;
     }
     done = done_before + block.End() - Storage::kDayFileHeaderSize;
     progress.Update(done);
     return true;
   });
-  scanned.end = offset;
+  if (!read) {
+    std::printf("skipped  %s: a read failed\n", file.name.c_str());
+    ++totals.skipped_files;
+    return false;
+  }
   if (scanned.blocks.empty()) {
-    std::printf(
-        "empty    %s: no block of it can be indexed; the store keeps the file aside "
-        "and deletes it first when it needs room\n",
-        file.name.c_str());
-  } else if (reader.Size() > offset) {
-    std::printf(
-        "tail     %s: %s bytes after the last whole block (the store cuts them at its "
-        "next start)\n",
-        file.name.c_str(), FormatCount(reader.Size() - offset).c_str());
+    std::printf("empty    %s: no block of it can be indexed; the store keeps the file loose "
+                "and deletes it first when it needs room\n",
+                file.name.c_str());
   }
   totals.blocks += scanned.blocks.size();
   totals.events += scanned.events;
@@ -116,7 +223,7 @@ bool BuildIndex(std::vector<ScannedFile>& files, Storage::Index& index, std::str
     }
     for (const ScannedFile* f : day_files) {
       if (!info.HasVersion(f->version)) info.AddVersion(f->version, 0);
-      info.setOnDiskSize(f->version, f->end);
+      info.setOnDiskSize(f->version, f->size);
       for (const BlockInfo& block : f->blocks) info.AddBlock(block);
     }
     if (!index.tree().Insert(day, std::move(info))) {
@@ -136,11 +243,16 @@ int RunRecover(const std::string& store) {
     PrintError(error);
     return 1;
   }
+  Totals totals;
+  RestoreAsideFiles(store, listing, totals);
+  if (!ListStore(store, listing, error)) {
+    PrintError(error);
+    return 1;
+  }
   uint64_t total = 0;
   for (const DayFileEntry& file : listing.day_files) total += file.size;
   Progress progress("recover", total, "bytes");
   std::vector<ScannedFile> files;
-  Totals totals;
   uint64_t done = 0;
   for (const DayFileEntry& file : listing.day_files) {
     ScannedFile scanned;
@@ -163,17 +275,32 @@ int RunRecover(const std::string& store) {
     PrintError("could not write " + index.path());
     return 1;
   }
+  // The rebuilt index names every day a set-aside index could.
+  for (const AsideEntry& aside : listing.aside) {
+    if (aside.original != Storage::Index::FILENAME) continue;
+    if (FS::DeleteFile(PathIn(store, aside.name))) {
+      std::printf("removed  %s: the rebuilt index covers its days\n", aside.name.c_str());
+    }
+  }
   std::printf("%s storage.index.db: %s days, %s blocks, %s events from %zu day files\n",
               listing.has_index ? "rebuilt" : "wrote", FormatCount(index.tree().GetCount()).c_str(),
               FormatCount(totals.blocks).c_str(), FormatCount(totals.events).c_str(), files.size());
   if (totals.lost_blocks != 0) {
     PrintError(Counted(totals.lost_blocks, "damaged block") + " could not be indexed");
   }
+  if (totals.damaged_spans != 0) {
+    PrintError(Counted(totals.damaged_spans, "damaged stretch") +
+               " of day files hold no whole block");
+  }
   if (totals.skipped_files != 0) {
     PrintError(Counted(totals.skipped_files, "file") + " named like day files could not be read");
   }
-  if (totals.lost_blocks != 0 || totals.skipped_files != 0) return 1;
-  return 0;
+  if (totals.still_aside != 0) {
+    PrintError(Counted(totals.still_aside, "set-aside file") + " could not be brought back");
+  }
+  const bool clean = totals.lost_blocks == 0 && totals.damaged_spans == 0 &&
+                     totals.skipped_files == 0 && totals.still_aside == 0;
+  return clean ? 0 : 1;
 }
 
 }  // namespace
@@ -181,7 +308,9 @@ int RunRecover(const std::string& store) {
 std::unique_ptr<Command> MakeRecoverCommand() {
   return MakeStoreCommand(
       "recover", "Rebuild storage.index.db from the day files",
-      std::string("Only the index file is written. ") + kOfflineNote + " The store must be closed.",
+      std::string("Brings back the files the store set aside (*.unreadable) where they read "
+                  "again, then writes the index from every block that decodes. ") +
+          kOfflineNote + " The store must be closed.",
       RunRecover);
 }
 

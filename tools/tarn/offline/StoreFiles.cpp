@@ -49,10 +49,14 @@ bool ListStore(const std::string& directory, StoreListing& listing, std::string&
     } else if (name == Storage::Utils::kFinalFileName) {
       listing.has_final = true;
       listing.final_size = size;
+    } else if (std::string original = Storage::Utils::NameBeforeAside(name); !original.empty()) {
+      listing.aside.push_back({name, original, size});
     } else {
       listing.other_size += size;
     }
   }
+  std::sort(listing.aside.begin(), listing.aside.end(),
+            [](const AsideEntry& a, const AsideEntry& b) { return a.name < b.name; });
   std::sort(listing.day_files.begin(), listing.day_files.end(),
             [](const DayFileEntry& a, const DayFileEntry& b) {
               return a.day != b.day ? a.day < b.day : a.version < b.version;

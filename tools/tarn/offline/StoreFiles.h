@@ -24,9 +24,17 @@ struct DayFileEntry {
   uint64_t size = 0;
 };
 
+// A store file that the store set aside because it kept failing to read.
+struct AsideEntry {
+  std::string name;      // as it lies in the directory
+  std::string original;  // the name it had
+  uint64_t size = 0;
+};
+
 // What the storage directory holds, by kind of file.
 struct StoreListing {
   std::vector<DayFileEntry> day_files;  // by day, then version
+  std::vector<AsideEntry> aside;        // by name
   bool has_index = false;
   uint64_t index_size = 0;
   bool has_final = false;
