@@ -58,17 +58,23 @@ class StoreModel {
     open_.clear();
     open_bytes_ = 0;
   }
-  // A start with the clock on `today`: a store that holds a later day is
-  // wiped, the block left by the stop is taken back.
-  void Start(uint16_t today) {
+  // A start with the clock on `today` (none: a reading the store cannot
+  // file, which wipes nothing): a store that holds a later day is wiped, the
+  // block left by the stop is taken back.
+  void Start(std::optional<uint16_t> today) {
     while (days_.size() > max_days_) days_.erase(days_.begin());
-    if (!days_.empty() && days_.rbegin()->first > today) {
+    if (today && !days_.empty() && days_.rbegin()->first > *today) {
       days_.clear();
       final_.clear();
       padding_.reset();
     }
     Place(final_day_, std::move(final_));
     final_.clear();
+  }
+  // The second the store records for an event its clock puts at `second` of
+  // `day`: never below one recorded for that day before.
+  uint32_t Recorded(uint16_t day, uint32_t second) const {
+    return std::max(second, LastSecond(day).value_or(0));
   }
   // A day that fills the budget up to a few bytes, so that the next block
   // placed evicts it by size.

@@ -2,7 +2,8 @@
 // workload (days with empty days between them, many events in one second,
 // gaps inside a day, blocks cut by size and by day, evictions by day count
 // and by size, restarts that take the open block back, the clock going back
-// both while running and across a restart) drives a real store and a model
+// both while running and across a restart, within a day and to other days,
+// a far future day and back, readings before 2000) drives a real store and a model
 // that keeps every accepted event with its day, second, table and row, and
 // predicts the position each one must get. After every flush and restart the
 // reader and the query service are held against answers worked out from the
@@ -67,6 +68,9 @@ uint32_t FromEnvironment(const char* name, uint32_t fallback) {
 
 struct Figures {
   uint64_t steps = 0, checkpoints = 0, operations = 0, queries = 0, pages = 0, rows = 0;
+  // Clock steps: back within a day, restarts earlier on the same day, trips
+  // to a far future day and back, readings before 2000 (refused).
+  uint64_t steps_back = 0, earlier_restarts = 0, future_trips = 0, refused = 0;
 };
 
 // One seed: the store, the model beside it, and the steps taken so far.
@@ -90,8 +94,12 @@ class ModelRun {
     for (uint32_t step = 0; step < steps && failure_.empty(); ++step) {
       ++figures_.steps;
       const uint32_t roll = random_() % 100;
-      if (roll < 45) {
+      if (roll < 40) {
         Feed(1 + random_() % 150);
+      } else if (roll < 44) {
+        StepBack();
+      } else if (roll < 45) {
+        random_() % 2 == 0 ? FutureTrip() : Before2000();
       } else if (roll < 62) {
         Note("flush");
         if (!manager_->Flush()) Diverge("Flush failed");
@@ -131,7 +139,9 @@ class ModelRun {
     for (uint32_t i = 0; i < count; ++i) {
       const uint32_t roll = random_() % 10;
       if (roll >= 5) second_ = Cap(second_ + (roll < 8 ? 1 : 10 + random_() % 600));
-      ModelEvent event{day_, second_, kTables[random_() % kFedTables], nullptr, {}};
+      // Filed at the second the store records; the row keeps the clock's.
+      ModelEvent event{day_, model_.Recorded(day_, second_), kTables[random_() % kFedTables],
+                       nullptr, {}};
       event.row = maker_.Make(event.table, EpochOf(day_, second_) * 1000 + random_() % 1000);
       if (random_() % 5 == 0) Lengthen(*event.row);
       event.record = tarn::test::RecordOf(*event.row);
@@ -158,13 +168,50 @@ class ModelRun {
     }
   }
 
+  // The clock steps back inside the day: later events are filed at the
+  // day's last recorded second until the clock passes it again.
+  void StepBack() {
+    if (second_ == 0) return;
+    second_ -= 1 + random_() % std::min<uint32_t>(second_, 5000);
+    ++figures_.steps_back;
+    Note("clock steps back to second " + std::to_string(second_));
+  }
+
+  // A far future day for a few events, then back: the store keeps both
+  // days until a start with the true clock wipes it.
+  void FutureTrip() {
+    const uint16_t home = day_;
+    const uint32_t second = second_;
+    day_ = static_cast<uint16_t>(day_ + 1000 + random_() % 1000);
+    second_ = model_.LastSecond(day_).value_or(random_() % 3600);
+    Note("clock jumps to day " + std::to_string(day_));
+    ++figures_.future_trips;
+    Feed(1 + random_() % 20);
+    day_ = home;
+    second_ = second;
+    Note("clock back home to day " + std::to_string(day_));
+  }
+
+  // A reading the day number cannot hold is refused, never filed.
+  void Before2000() {
+    ++figures_.refused;
+    const uint64_t epoch = random_() % 946'684'800;
+    Note("clock reads " + std::to_string(epoch) + " (before 2000)");
+    clock_.Set(epoch);
+    std::vector<uint8_t> record = tarn::test::RecordOf(*maker_.Make(kTables[0], epoch * 1000));
+    Events::Objects::Base base(record.data(), record.size());
+    if (manager_->AddEvent(base)) Diverge("an event read before 2000 was stored");
+    clock_.SetDay(day_, second_);
+  }
+
   void NextDay(uint32_t days) {
     day_ = static_cast<uint16_t>(day_ + days);
     // The padding day is only ever evicted; writing to it would make the
     // evictions depend on byte counts the model does not keep.
     if (day_ == model_.padding()) ++day_;
-    // The day may hold events from a time the clock went back to it.
-    second_ = std::max<uint32_t>(random_() % 3600, model_.LastSecond(day_).value_or(0));
+    // The day may hold events from a time the clock went back to it: then
+    // they are filed at its last recorded second until the clock passes it.
+    second_ = random_() % 3600;
     Note("clock to day " + std::to_string(day_) + " second " + std::to_string(second_));
   }
 
@@ -179,7 +226,7 @@ class ModelRun {
     if (day == model_.padding()) return;
     day_ = day;
     const std::optional<uint32_t> last = model_.LastSecond(day);
-    second_ = last ? Cap(*last + random_() % 100) : random_() % 40'000;
+    second_ = last && random_() % 2 == 0 ? Cap(*last + random_() % 100) : random_() % 40'000;
     Note("clock back to day " + std::to_string(day_) + " second " + std::to_string(second_));
   }
 
@@ -197,8 +244,12 @@ class ModelRun {
       Pad(padding_day);
     }
     const uint32_t roll = random_() % 20;
-    if (roll < 12) {
+    if (roll < 9) {
       second_ = Cap(second_ + random_() % 100);
+    } else if (roll < 12) {
+      second_ -= std::min<uint32_t>(second_, 1 + random_() % 2000);
+      ++figures_.earlier_restarts;
+      Note("restart earlier on the same day");
     } else if (roll < 17) {
       NextDay(1 + random_() % 2);
     } else if (!model_.days().empty()) {
@@ -206,12 +257,20 @@ class ModelRun {
       second_ = 0;
       Note("clock back to day " + std::to_string(day_));
     }
-    if (Start()) Compare();
+    // Now and then the clock is not yet set when the store starts: it
+    // wipes nothing and files nothing until the clock reads a real time.
+    if (Start(random_() % 10 == 0)) Compare();
   }
 
-  bool Start() {
-    Note("start on day " + std::to_string(day_) + " second " + std::to_string(second_));
-    clock_.SetDay(day_, second_);
+  bool Start(bool clock_unset = false) {
+    Note("start on day " + std::to_string(day_) + " second " + std::to_string(second_) +
+         (clock_unset ? " with the clock before 2000" : ""));
+    if (clock_unset) {
+      ++figures_.refused;
+      clock_.Set(random_() % 946'684'800);
+    } else {
+      clock_.SetDay(day_, second_);
+    }
     manager_ = std::make_unique<StorageManager>();
     if (!manager_->Create(settings_, &clock_, 1, dir_.path().c_str())) {
       Diverge("the store does not start");
@@ -223,7 +282,8 @@ class ModelRun {
       Diverge("the reader does not start");
       return false;
     }
-    model_.Start(day_);
+    model_.Start(clock_unset ? std::nullopt : std::optional<uint16_t>(day_));
+    clock_.SetDay(day_, second_);
     return true;
   }
 
@@ -561,7 +621,11 @@ TEST(StoreModelTest, EveryReadAndQueryMatchesTheModelThroughRandomWorkloads) {
   std::cout << "store model: " << (only != 0 ? 1 : seeds) << " seeds, " << figures.steps
             << " steps, " << figures.checkpoints << " checkpoints, " << figures.operations
             << " reader operations, " << figures.queries << " queries (" << figures.pages
-            << " pages, " << figures.rows << " rows), " << diverged << " diverged\n";
+            << " pages, " << figures.rows << " rows); clock: " << figures.steps_back
+            << " steps back within a day, " << figures.earlier_restarts
+            << " restarts earlier on the same day, " << figures.future_trips
+            << " trips to a far future day, " << figures.refused << " readings before 2000; "
+            << diverged << " diverged\n";
   EXPECT_EQ(diverged, 0u);
   EXPECT_GT(figures.rows, 0u);
 }

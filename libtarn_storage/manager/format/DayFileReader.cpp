@@ -44,6 +44,10 @@ bool DayFileReader::Decode(uint64_t offset, const BlockHeader& header,
 }
 
 bool DayFileReader::FramesBlock(uint64_t offset, BlockHeader& header) {
+  if (offset == framed_offset_) {
+    header = framed_header_;
+    return framed_;
+  }
   if (offset < kDayFileHeaderSize || offset > size_ || size_ - offset < kFrameSize) return false;
   uint8_t bytes[kFrameSize];
   if (!file_->ReadAtExact(offset, bytes, sizeof(bytes))) {
@@ -53,9 +57,29 @@ bool DayFileReader::FramesBlock(uint64_t offset, BlockHeader& header) {
   header.stored_size = Events::Record::LoadUInt32(bytes);
   header.raw_size = Events::Record::LoadUInt32(bytes + 4);
   header.table_offset = Events::Record::LoadUInt32(bytes + 8);
-  return header.stored_size >= sizeof(kPayloadMagic) &&
-         header.stored_size <= size_ - offset - kBlockHeaderSize && BlockSizesAreSane(header) &&
-         std::memcmp(bytes + kBlockHeaderSize, kPayloadMagic, sizeof(kPayloadMagic)) == 0;
+  framed_offset_ = offset;
+  framed_header_ = header;
+  framed_ = header.stored_size >= sizeof(kPayloadMagic) &&
+            header.stored_size <= size_ - offset - kBlockHeaderSize && BlockSizesAreSane(header) &&
+            std::memcmp(bytes + kBlockHeaderSize, kPayloadMagic, sizeof(kPayloadMagic)) == 0;
+  return framed_;
+}
+
+uint64_t DayFileReader::FirstFramingAnchor(const std::vector<uint64_t>& anchors, uint64_t after,
+                                           uint64_t before) {
+  BlockHeader header;
+  for (auto it = std::upper_bound(anchors.begin(), anchors.end(), after);
+       it != anchors.end() && *it < before; ++it) {
+    if (FramesBlock(*it, header)) return *it;
+    if (io_error_) return before;
+  }
+  return before;
+}
+
+uint64_t DayFileReader::NextFrame(const std::vector<uint64_t>& anchors, uint64_t after) {
+  const uint64_t anchored = FirstFramingAnchor(anchors, after, size_);
+  if (io_error_) return size_;
+  return NextFramedBlock(after + 1, anchored);
 }
 
 uint64_t DayFileReader::NextFramedBlock(uint64_t from, uint64_t limit) {
@@ -91,34 +115,44 @@ uint64_t DayFileReader::NextFramedBlock(uint64_t from, uint64_t limit) {
 bool DayFileReader::Chart(const std::vector<uint64_t>& anchors, std::vector<FileSpan>& spans) {
   spans.clear();
   io_error_ = false;
-  size_t next_anchor = 0;
+  framed_offset_ = ~uint64_t{0};
   uint64_t at = kDayFileHeaderSize;
   while (at < size_) {
-    while (next_anchor < anchors.size() && anchors[next_anchor] <= at) ++next_anchor;
     BlockHeader header;
     const bool framed = FramesBlock(at, header);
     if (io_error_) return false;
     const uint64_t end = at + kBlockHeaderSize + uint64_t{header.stored_size};
-    if (framed && (next_anchor == anchors.size() || anchors[next_anchor] >= end)) {
-      spans.push_back(FileSpan{at, end, true, header});
-      at = end;
-      continue;
-    }
-    // No whole block here: resume at the first anchor that frames one, or
-    // at the first framing found before it.
-    uint64_t resume = size_;
-    for (size_t k = next_anchor; k < anchors.size(); ++k) {
-      BlockHeader anchored;
-      if (FramesBlock(anchors[k], anchored)) {
-        resume = anchors[k];
-        break;
+    uint64_t next = size_;
+    if (framed) {
+      // A block the index names inside this one: this header lies about its
+      // size, and the index is believed.
+      next = FirstFramingAnchor(anchors, at, end);
+      if (io_error_) return false;
+      BlockHeader following;
+      if (next == end && (end == size_ || FramesBlock(end, following))) {
+        spans.push_back(FileSpan{at, end, true, header});
+        at = end;
+        continue;
       }
       if (io_error_) return false;
+      if (next == end) {
+        // Nothing frames a block where this one ends: either its size is
+        // damaged or the bytes after it are. The next block found decides.
+        next = NextFrame(anchors, at);
+        if (io_error_) return false;
+        if (next >= end) {
+          spans.push_back(FileSpan{at, end, true, header});
+          if (next > end) spans.push_back(FileSpan{end, next, false, {}});
+          at = next;
+          continue;
+        }
+      }
+    } else {
+      next = NextFrame(anchors, at);
+      if (io_error_) return false;
     }
-    resume = NextFramedBlock(at + 1, resume);
-    if (io_error_) return false;
-    spans.push_back(FileSpan{at, resume, false, {}});
-    at = resume;
+    spans.push_back(FileSpan{at, next, false, {}});
+    at = next;
   }
   return true;
 }

@@ -64,9 +64,11 @@ class DayFileReader {
   // Charts the file from its header to its end. After a whole block it goes
   // on at the block's end. Bytes that frame no whole block make one span up
   // to the next offset that does: the first of `anchors` past them (offsets
-  // the index names, ascending), or the next place where a block's framing
-  // appears. A block whose extent would swallow an anchor is not whole: its
-  // header is damaged and the anchor is believed. False on an I/O error.
+  // the index names, ascending) where a block starts, or the next place
+  // where a block's framing appears. A block is not whole when its extent
+  // swallows an anchor where a block starts, or when nothing frames a block
+  // at its end and the next block found starts inside it: its size is
+  // damaged. False on an I/O error.
   bool Chart(const std::vector<uint64_t>& anchors, std::vector<FileSpan>& spans);
   // Reads and decodes each whole span in file order and hands it to `visit`,
   // which returns false to stop. False on an I/O error.
@@ -79,11 +81,23 @@ class DayFileReader {
   bool FramesBlock(uint64_t offset, BlockHeader& header);
   // The first offset in [from, limit) where a whole block starts, or limit.
   uint64_t NextFramedBlock(uint64_t from, uint64_t limit);
+  // The first of `anchors` in (after, before) where a whole block starts, or
+  // `before`.
+  uint64_t FirstFramingAnchor(const std::vector<uint64_t>& anchors, uint64_t after,
+                              uint64_t before);
+  // The first offset past `after` where a whole block starts: an anchor, or
+  // a framing found by scanning; the file's size when there is none.
+  uint64_t NextFrame(const std::vector<uint64_t>& anchors, uint64_t after);
 
   Keel::OS::File owned_;
   Keel::OS::File* file_ = &owned_;
   uint64_t size_ = 0;
   bool io_error_ = false;
+  // The last offset FramesBlock looked at: a chart asks about each block's
+  // end and then starts there.
+  uint64_t framed_offset_ = ~uint64_t{0};
+  BlockHeader framed_header_;
+  bool framed_ = false;
   Keel::Collections::Buffer payload_;
   Keel::Collections::Buffer raw_;
 };
