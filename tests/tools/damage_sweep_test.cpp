@@ -262,6 +262,8 @@ std::vector<Damage> BlockDamages(const Pristine& p, size_t which) {
           f[at] = static_cast<char>(f[at] ^ (1 << bit));
         },
         Index::FILENAME);
+    // The packed field's top five bits are unused: nothing can tell.
+    out.back().visible = !(field.byte == 14 && field.bit >= 3);
   }
   return out;
 }

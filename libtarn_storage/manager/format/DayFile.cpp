@@ -59,14 +59,16 @@ bool WriteHeader(Keel::OS::File& file, Message write_failed, Message flush_faile
   return true;
 }
 
-// A new file's name must survive a power cut before any block in it is
-// named by the index.
+}  // namespace
+
 bool SyncDirectoryOf(const std::string& path) {
   const std::string directory = Keel::OS::Path::Directory(path);
   if (Keel::OS::FileSystem::SyncDirectory(directory.empty() ? "." : directory)) return true;
   Log(kDirectorySync, Keel::OS::FileSystem::LastError());
   return false;
 }
+
+namespace {
 
 }  // namespace
 

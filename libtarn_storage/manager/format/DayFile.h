@@ -47,6 +47,11 @@ enum class AppendOpen {
 AppendOpen OpenDayFileForAppend(const std::string& path, Keel::OS::File& file, uint64_t& size,
                                 bool create = false);
 
+// Syncs the directory of `path`, so that a file created there keeps its name
+// through a power cut: no block in a new file is named by the index before.
+// False (logged) when the sync fails.
+bool SyncDirectoryOf(const std::string& path);
+
 // Reads and checks the header of an open file. True when the header is valid.
 // False when it is not (`check` says why) or when the read itself failed
 // (logged; `check` is then ReadFailed).

@@ -207,8 +207,7 @@ bool WriteFinalFile(const std::string& path, const Keel::Collections::Buffer& ra
     return false;
   }
   // The file's name must survive a power cut as well as its bytes.
-  const std::string directory = Keel::OS::Path::Directory(path);
-  if (!Keel::OS::FileSystem::SyncDirectory(directory.empty() ? "." : directory)) {
+  if (!SyncDirectoryOf(path)) {
     Log(kWriteDirectorySync, Keel::OS::FileSystem::LastError());
     return false;
   }

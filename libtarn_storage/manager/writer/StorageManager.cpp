@@ -510,7 +510,10 @@ bool StorageManager::WritePendingBlock() {
     case kOnEvent:
       return WriteDayBlock();
     case kOnClose:
-      return WriteFinalBlock();
+      if (WriteFinalBlock()) return true;
+      // The open block goes to its day file instead: compressed a little
+      // later than planned, but kept.
+      return WriteDayBlock();
   }
   Log(Keel::Log::Error, kUnknownReason, pending_reason_);
   return false;
@@ -596,10 +599,18 @@ bool StorageManager::WriteFinalBlock() {
   const uint32_t count = pending_.entries.Count();
   std::optional<Telemetry::EventBlockData> report;
   telemetry_.notify_buffer_processing_start();
-  if (!AppendEntryTable(pending_.raw, pending_.entries) ||
-      !WriteFinalFile(catalog_.PathOf(Utils::kFinalFileName), pending_.raw, table_offset, count,
+  if (!AppendEntryTable(pending_.raw, pending_.entries)) {
+    Log(Keel::Log::Error, kFinalWriteFailed, count);
+    telemetry_.notify_buffer_processing_ended(report);
+    return false;
+  }
+  if (!WriteFinalFile(catalog_.PathOf(Utils::kFinalFileName), pending_.raw, table_offset, count,
                       pending_day_)) {
     Log(Keel::Log::Error, kFinalWriteFailed, count);
+    pending_.raw.Resize(table_offset);
+    // What the failed write left is not taken back (a whole file would be
+    // found stored already).
+    FS::DeleteFile(catalog_.PathOf(Utils::kFinalFileName));
     telemetry_.notify_buffer_processing_ended(report);
     return false;
   }
@@ -644,8 +655,10 @@ bool StorageManager::Stop() {
   block_ready_.Set();
   writer_.Join();
   {
+    // A failed save loses nothing: the next start finds the blocks the file
+    // does not name.
     MutexGuard lock(mutex_.get());
-    ok = SaveIndex() && ok;
+    SaveIndex();
   }
   ok = NoBlockLostSinceLastAsked() && ok;
   std::optional<bool> result = ok;

@@ -191,6 +191,9 @@ StoreCatalog::Placement StoreCatalog::OpenVersionForWriting(uint16_t day, DayInf
   }
   if (size == known) return Placement::kAppend;
   if (known == 0 && size == kDayFileHeaderSize) {
+    // A header an earlier attempt left: its name is made durable here, as a
+    // new file's is.
+    if (!SyncDirectoryOf(path)) return Placement::kFail;
     ForgetLooseFile(day, version);
     info.setOnDiskSize(version, size);
     indexed_size_ += size;
