@@ -13,8 +13,8 @@
 // recover tool), or belongs to a day the day limit evicted; the store counts
 // exactly the bytes its files hold on disk.
 //
-// TARN_PERSISTENT_LONG=1 starts each fault at every run and lets it last
-// every length (by hand).
+// TARN_PERSISTENT_LONG=1 starts each fault at every run where its file
+// exists and lets it last every length (by hand).
 
 #include <gtest/gtest.h>
 
@@ -288,6 +288,10 @@ TEST(PersistentFaultSweep, StoringGoesOnAndNothingReadableIsLost) {
       for (uint32_t first : starts) {
         for (uint32_t length : lengths) {
           if (first + length > kRuns) continue;
+          // A fault that belongs to a file needs the file: a day's file
+          // exists from the day's first run on.
+          if (target == Target::kDayBeingWritten && first % 2 == 0) continue;
+          if (target == Target::kOldestDay && first == 0) continue;
           const Fault fault{target, operation, first, length};
           tarn::test::TempDir dir;
           std::vector<std::string> problems;

@@ -19,6 +19,10 @@ State& GetState() {
   return state;
 }
 
+// The problems of the thread's current capture (bounded as the shared list).
+thread_local bool t_capturing = false;
+thread_local std::vector<Keel::Log::Record> t_captured;
+
 const char* ComponentName(uint32_t component) {
   switch (component) {
     case Keel::Log::Collections: return "Collections";
@@ -62,6 +66,7 @@ void HostLog::OnRecord(const Keel::Log::Record& record, void*) {
   State& state = GetState();
   if (state.verbose) std::fprintf(stderr, "log: %s\n", Format(record).c_str());
   if (record.severity < Keel::Log::Warning) return;
+  if (t_capturing && t_captured.size() < kMaxKept) t_captured.push_back(record);
   std::lock_guard<std::mutex> lock(state.mutex);
   if (state.problems.size() < kMaxKept) state.problems.push_back(record);
 }
@@ -71,6 +76,13 @@ std::vector<Keel::Log::Record> HostLog::Problems() {
   std::lock_guard<std::mutex> lock(state.mutex);
   return state.problems;
 }
+
+void HostLog::BeginThreadCapture() {
+  t_capturing = true;
+  t_captured.clear();
+}
+
+std::vector<Keel::Log::Record> HostLog::ThreadCapture() { return t_captured; }
 
 bool HostLog::Saw(uint32_t component, uint32_t message) {
   for (const Keel::Log::Record& r : Problems()) {

@@ -24,6 +24,12 @@ class HostLog {
   static bool Saw(uint32_t component, uint32_t message);
   static void Clear();
 
+  // The problems logged on this thread since its last BeginThreadCapture:
+  // what the module logged while answering this thread's query, whatever
+  // other threads ask meanwhile.
+  static void BeginThreadCapture();
+  static std::vector<Keel::Log::Record> ThreadCapture();
+
   // "E StorageManager(22) #3 a=11 b=0 c=0 line 142".
   static std::string Format(const Keel::Log::Record& record);
 

@@ -133,6 +133,7 @@ bool ModuleHost::Open(const HostOptions& options, std::string& error) {
     return false;
   }
   if (!CheckLimits(options.limits, error)) return false;
+  store_ = options.store;
   std::error_code ec;
   // The store holds security telemetry: a directory made for it is the
   // owner's alone, as the store makes its own.

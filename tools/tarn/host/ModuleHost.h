@@ -58,6 +58,8 @@ class ModuleHost final : public Module::HostServices {
   // (Initialize, Start). False with `error` in words.
   bool Open(const HostOptions& options, std::string& error);
   bool IsOpen() const { return module_ != nullptr; }
+  // The storage directory Open was given.
+  const std::string& store() const { return store_; }
   // The newest time the store held when it was opened (NewestStoredMs).
   int64_t NewestStoredAtOpen() const { return newest_stored_ms_; }
 
@@ -104,6 +106,7 @@ class ModuleHost final : public Module::HostServices {
   bool registered_ = false;
   uint64_t refused_ = 0;
   int64_t newest_stored_ms_ = 0;
+  std::string store_;
 };
 
 }  // namespace Tarn::Tool

@@ -16,6 +16,7 @@
 #include "osquery/ResponseBuffer.h"
 #include "osquery/Tables.h"
 #include "tarn/host/HostLog.h"
+#include "tarn/host/ReadAround.h"
 #include "tarn/cli/TextForms.h"
 
 namespace Tarn::Tool {
@@ -138,6 +139,7 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
   Events::ExternalData data(&message);
   Events::Objects::Base event = builder.Event();
   HostLog::Clear();
+  HostLog::BeginThreadCapture();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     last_had_token_ = request.token != QueryRequest::kNoToken;
@@ -168,6 +170,23 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
   stats_.answer_bytes += answer.events.size();
   if (answer.HasRows()) stats_.rows += answer.row_count;
   return true;
+}
+
+bool QueryClient::AskAround(const QueryRequest& request, QueryAnswer& answer,
+                            std::string& error) {
+  if (!Ask(request, answer, error)) return false;
+  if (answer.status != 5 || host_.Storage() == nullptr) return true;
+  return ReadAround(*this, *host_.Storage(), host_.store(), request, answer, error);
+}
+
+std::set<uint64_t> QueryClient::UnreadableBlocks() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return unreadable_blocks_;
+}
+
+void QueryClient::NoteUnreadableBlock(uint64_t block) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  unreadable_blocks_.insert(block);
 }
 
 QueryStats QueryClient::stats() const {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -83,6 +84,14 @@ class QueryClient {
   // one that does not parse; a status that is not an answer is not a
   // failure here (see Explain).
   bool Ask(const QueryRequest& request, QueryAnswer& answer, std::string& error);
+  // As Ask, but a range that holds a block the store cannot read is read
+  // around it (see ReadAround.h): the answer holds every other row, and the
+  // block is noted for UnreadableBlocks.
+  bool AskAround(const QueryRequest& request, QueryAnswer& answer, std::string& error);
+
+  // The blocks (day and block bits of a position) queries were read around.
+  std::set<uint64_t> UnreadableBlocks() const;
+  void NoteUnreadableBlock(uint64_t block);
 
   // What a status other than 0 and 8 means and what to do about it, in
   // words for the person who asked.
@@ -100,6 +109,7 @@ class QueryClient {
   mutable std::mutex mutex_;
   bool last_had_token_ = false;
   QueryStats stats_;
+  std::set<uint64_t> unreadable_blocks_;
 };
 
 // Reads rows of one table into its generated message.

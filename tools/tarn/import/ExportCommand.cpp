@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <set>
 
 #include "Keel/OS/Time.h"
@@ -86,6 +87,9 @@ struct Counts {
   uint64_t written = 0;
   uint64_t unreadable = 0;  // events whose block could not be read
   uint64_t untabled = 0;    // events of types that have no table
+  // Blocks that could not be read (day and block bits of a position), and
+  // the events of each that were passed over.
+  std::map<uint64_t, uint64_t> unreadable_blocks;
 };
 
 // Walks from the first event at or after the range's start to its end.
@@ -110,6 +114,7 @@ bool Walk(IEventStorage& storage, const Range& range, const std::set<uint32_t>& 
     if (block == broken_block || !storage.GetEvent(position, &holder)) {
       broken_block = block;
       ++counts.unreadable;
+      ++counts.unreadable_blocks[block];
       continue;
     }
     Events::Objects::Base event = holder.Event();
@@ -172,6 +177,12 @@ int RunExport(const ExportOptions& options) {
   if (!to_stdout) written = std::fclose(out) == 0 && written;
   if (!written) PrintError("could not write the events out");
   if (!closed) PrintError(error);
+  // Every block passed over is named: the walk read around it.
+  for (const auto& [block, events] : counts.unreadable_blocks) {
+    PrintError("block " + std::to_string((block >> 16) & 0xFFFFFF) + " of " +
+               FormatDay(static_cast<uint16_t>(block & 0xFFFF)) + " could not be read: " +
+               Counted(events, "event") + " left out");
+  }
   if (counts.unreadable != 0) {
     PrintError(FormatCount(counts.unreadable) +
                " events could not be read (their blocks are damaged; `tarn verify` tells more)");

@@ -31,10 +31,14 @@ struct InfoOptions {
 };
 
 
-// What counts toward the size limit: every day file, indexed or not.
+// What counts toward the size limit: every day file, indexed or not, and
+// the files the store set aside.
 uint64_t DayFileBytes(const StoreStats& stats) {
   uint64_t total = stats.loose_bytes;
   for (const DayStats& day : stats.days) total += day.file_bytes;
+  for (const AsideEntry& aside : stats.listing.aside) {
+    if (aside.original != Storage::Index::FILENAME) total += aside.size;
+  }
   return total;
 }
 

@@ -98,6 +98,73 @@ bool MergeDayFiles(const std::string& directory, const AsideEntry& aside, uint8_
   return true;
 }
 
+// The last second recorded in a day file: a block added to its end is
+// filed no earlier, so that the day stays in order of its seconds.
+uint32_t LastSecondIn(DayFileReader& reader, const std::vector<FileSpan>& spans) {
+  uint32_t last = 0;
+  reader.DecodeSpans(spans, [&last](const WalkedBlock& block) {
+    if (block.decoded) last = std::max(last, block.view.Second(block.view.EventCount() - 1));
+    return true;
+  });
+  return last;
+}
+
+// A set-aside shutdown block goes back where the store would take it: into
+// the shutdown file when none waits there, else straight into its day file
+// as a block of its own, filed after the day's last second.
+void RestoreAsideFinal(const std::string& directory, const AsideEntry& aside, Totals& totals) {
+  const std::string from = PathIn(directory, aside.name);
+  const std::string to = PathIn(directory, aside.original);
+  Keel::Collections::Buffer raw;
+  uint32_t table_offset = 0, count = 0;
+  uint16_t day = 0;
+  if (Storage::ReadFinalFile(from, raw, table_offset, count, day) != Storage::FinalFileState::Ok) {
+    std::printf("aside    %s: still cannot be read; kept aside\n", aside.name.c_str());
+    ++totals.still_aside;
+    return;
+  }
+  if (!FS::Exists(to)) {
+    if (FS::MoveFile(from, to)) {
+      std::printf("restored %s: the store takes its %s events back at its next start\n",
+                  aside.original.c_str(), FormatCount(count).c_str());
+      return;
+    }
+  } else {
+    const std::string name = Storage::Utils::DayFileName(day, Storage::Utils::kWriteVersion);
+    Keel::OS::File file;
+    uint64_t end = 0;
+    DayFileReader reader;
+    std::vector<FileSpan> spans;
+    bool placed = Storage::OpenDayFileForAppend(PathIn(directory, name), file, end, true) ==
+                      Storage::AppendOpen::kOk &&
+                  reader.Attach(file) && reader.Chart({}, spans);
+    uint32_t floor = placed ? LastSecondIn(reader, spans) : 0;
+    Keel::Collections::Buffer records, payload;
+    Keel::Collections::Array<Storage::BlockEntry> entries;
+    const RawBlockView view(raw.Data(), static_cast<uint32_t>(raw.Size()), table_offset);
+    placed = placed && records.Create(table_offset + 1) && entries.Create(count) &&
+             payload.Create(raw.Size() + 1024) && records.Push(raw.Data(), table_offset);
+    for (uint32_t i = 0; placed && i < count; ++i) {
+      const uint8_t* record = nullptr;
+      uint32_t size = 0;
+      floor = std::max(floor, view.Second(i));
+      placed = view.Event(i, record, size) &&
+               entries.Add(Storage::BlockEntry{static_cast<uint32_t>(record - raw.Data()), floor});
+    }
+    Storage::EncodedBlock encoded;
+    if (placed && Storage::EncodeBlock(records, entries, payload, encoded) &&
+        Storage::WriteBlock(file, end, encoded.header, payload) && FS::DeleteFile(from)) {
+      std::printf("restored %s: its %s events are a block of %s now (a newer shutdown block "
+                  "waits in %s)\n",
+                  aside.name.c_str(), FormatCount(count).c_str(), name.c_str(),
+                  aside.original.c_str());
+      return;
+    }
+  }
+  std::printf("aside    %s: could not be brought back; kept aside\n", aside.name.c_str());
+  ++totals.still_aside;
+}
+
 // Brings back what the store set aside, where it reads now.
 void RestoreAsideFiles(const std::string& directory, const StoreListing& listing, Totals& totals) {
   for (const AsideEntry& aside : listing.aside) {
@@ -126,19 +193,7 @@ void RestoreAsideFiles(const std::string& directory, const StoreListing& listing
         ++totals.still_aside;
       }
     } else if (aside.original == Storage::Utils::kFinalFileName) {
-      Keel::Collections::Buffer raw;
-      uint32_t table_offset = 0, count = 0;
-      uint16_t final_day = 0;
-      if (Storage::ReadFinalFile(from, raw, table_offset, count, final_day) !=
-              Storage::FinalFileState::Ok ||
-          FS::Exists(to) || !FS::MoveFile(from, to)) {
-        std::printf("aside    %s: cannot be read, or a newer shutdown block waits; kept aside\n",
-                    aside.name.c_str());
-        ++totals.still_aside;
-        continue;
-      }
-      std::printf("restored %s: the store takes its %s events back at its next start\n",
-                  aside.original.c_str(), FormatCount(count).c_str());
+      RestoreAsideFinal(directory, aside, totals);
     }
   }
 }

@@ -173,6 +173,10 @@ std::string FormatStats(const std::string& directory, const StoreStats& s, size_
   if (s.unreadable_blocks != 0) {
     add("unreadable", FormatCount(s.unreadable_blocks) + " blocks: run `tarn verify`");
   }
+  for (const AsideEntry& aside : s.listing.aside) {
+    add("set aside", aside.name + " (" + FormatBytes(aside.size) +
+                         "): it kept failing to read; `tarn recover` tries it again");
+  }
   if (!s.days.empty()) {
     std::snprintf(line, sizeof(line), "\n%-12s %7s %10s %11s %11s  %-8s  %s\n", "day", "blocks",
                   "events", "stored", "raw", "first", "last");
@@ -225,6 +229,11 @@ std::string StatsJson(const std::string& directory, const StoreStats& s) {
   j["last"] = s.blocks != 0 ? FormatTime(s.last_ms) : "";
   j["loose_files"] = s.loose_files;
   j["unreadable_blocks"] = s.unreadable_blocks;
+  nlohmann::ordered_json aside = nlohmann::ordered_json::array();
+  for (const AsideEntry& file : s.listing.aside) {
+    aside.push_back({{"file", file.name}, {"was", file.original}, {"bytes", file.size}});
+  }
+  j["set_aside"] = aside;
   nlohmann::ordered_json days = nlohmann::ordered_json::array();
   for (const DayStats& d : s.days) {
     days.push_back({{"day", FormatDay(d.day)},

@@ -1,6 +1,7 @@
 // tarn verify: reads every block of a closed store, decodes it and checks it
 // against the index, with the store's own format code.
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
@@ -59,7 +60,10 @@ class Verifier {
   // Checks the records of a decoded block; the first bad one becomes a fault.
   void CheckRecords(const std::string& where, const uint8_t* raw, uint32_t raw_size,
                     uint32_t table_offset);
+  void CheckUnnamedStretches(const std::string& name, DayFileReader& reader,
+                             Storage::DayInfo& info, uint8_t version);
   void CheckLooseFiles();
+  void CheckAsideFiles();
   void CheckFinal();
 
   std::string directory_;
@@ -96,6 +100,7 @@ int Verifier::Run() {
         nullptr);
   }
   CheckLooseFiles();
+  CheckAsideFiles();
   CheckFinal();
   progress_->Finish();
   if (untabled_ != 0) {
@@ -171,6 +176,42 @@ void Verifier::CheckVersion(uint16_t day, Storage::DayInfo& info, uint8_t versio
          " bytes after the last indexed block (left by a crash: the store puts a whole block "
          "back and cuts the rest at its next start)");
   }
+  CheckUnnamedStretches(name, reader, info, version);
+}
+
+void Verifier::CheckUnnamedStretches(const std::string& name, DayFileReader& reader,
+                                     Storage::DayInfo& info, uint8_t version) {
+  // Stretches between the blocks the index names: damaged bytes, whole
+  // blocks whose records the index lost, or blocks the recover tool passed
+  // over because they do not decode. Nothing indexed lies there: warnings.
+  std::vector<uint64_t> anchors;
+  for (uint32_t b = 0; b < info.GetBlockCount(); ++b) {
+    if (info.GetBlock(b)->version == version) anchors.push_back(info.GetBlock(b)->block_offset);
+  }
+  std::sort(anchors.begin(), anchors.end());
+  std::vector<Storage::FileSpan> spans;
+  if (!reader.Chart(anchors, spans)) {
+    Fault(name + " cannot be read through");
+    return;
+  }
+  for (const Storage::FileSpan& span : spans) {
+    // An indexed block was checked above; bytes after the last one were
+    // warned of above.
+    const bool named = std::lower_bound(anchors.begin(), anchors.end(), span.offset) !=
+                       std::lower_bound(anchors.begin(), anchors.end(), span.end);
+    if (named || (&span == &spans.back() && !span.whole)) continue;
+    const std::string where = name + ": bytes " + std::to_string(span.offset) + " to " +
+                              std::to_string(span.end);
+    if (!span.whole) {
+      Warn(where + " hold no whole block and no index record names them");
+    } else if (reader.Decode(span.offset, span.header, raw_)) {
+      Warn(where + " hold a whole block the index does not name (the store puts it back at " +
+           "its next start)");
+    } else {
+      Warn(where + " hold a block that does not decode, which no index record names: its " +
+           "events are lost");
+    }
+  }
 }
 
 void Verifier::CheckBlock(const std::string& where, DayFileReader& reader, const BlockInfo& block,
@@ -179,9 +220,6 @@ void Verifier::CheckBlock(const std::string& where, DayFileReader& reader, const
   if (block.block_offset < end) {
     Fault(where + " overlaps the block before it");
     return;
-  }
-  if (block.block_offset > end) {
-    Warn(where + " follows " + FormatCount(block.block_offset - end) + " bytes no block claims");
   }
   BlockHeader header;
   if (!reader.ReadHeader(block.block_offset, header)) {
@@ -248,6 +286,14 @@ void Verifier::CheckLooseFiles() {
     Warn(file.name + " (" + FormatBytes(file.size) +
          ") is not in the index: its events cannot be reached (`tarn recover` indexes the "
          "blocks that decode)");
+  }
+}
+
+void Verifier::CheckAsideFiles() {
+  for (const AsideEntry& aside : listing_.aside) {
+    Fault(aside.name + " (" + FormatBytes(aside.size) + ") was set aside by the store because " +
+          aside.original + " kept failing to read: its events cannot be reached until " +
+          "`tarn recover` brings it back");
   }
 }
 

@@ -139,7 +139,7 @@ void SlicedScans::Fetch(SlicePart& part) {
   for (;;) {
     QueryAnswer answer;
     std::string error;
-    if (!client_.Ask(request, answer, error)) {
+    if (!client_.AskAround(request, answer, error)) {
       part.error = error;
       return;
     }

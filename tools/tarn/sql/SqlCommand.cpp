@@ -99,6 +99,14 @@ int RunSql(const SqlOptions& options) {
     }
   }
   if (!ok) PrintError(error);
+  // The answers hold every row but those of blocks the store could not read.
+  for (uint64_t block : session.UnreadableBlocks()) {
+    PrintError("block " + std::to_string((block >> 16) & 0xFFFFFF) + " of " +
+               FormatDay(static_cast<uint16_t>(block & 0xFFFF)) +
+               " could not be read: its rows are left out of the answers (`tarn verify` names " +
+               "the damage)");
+    ok = false;
+  }
   if (options.stats) {
     PrintStats(session.Stats(), static_cast<double>(RealNowMs() - started) / 1000.0);
   }

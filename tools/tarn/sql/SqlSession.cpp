@@ -151,6 +151,10 @@ void SqlSession::StopWhen(const volatile std::sig_atomic_t* flag) {
       const_cast<std::sig_atomic_t*>(flag));
 }
 
+std::set<uint64_t> SqlSession::UnreadableBlocks() const {
+  return client_ != nullptr ? client_->UnreadableBlocks() : std::set<uint64_t>();
+}
+
 SqlStats SqlSession::Stats() const {
   SqlStats stats;
   if (client_ != nullptr) stats.queries = client_->stats();

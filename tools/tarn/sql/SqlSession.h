@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -55,6 +56,9 @@ class SqlSession {
   void StopWhen(const volatile std::sig_atomic_t* flag);
 
   SqlStats Stats() const;
+  // Blocks the store could not read, which answers were read around (see
+  // ReadAround.h), as day and block bits of a position.
+  std::set<uint64_t> UnreadableBlocks() const;
 
   bool Close(std::string& error);
 

@@ -186,7 +186,7 @@ int Close(sqlite3_vtab_cursor* cursor) {
 int FetchPage(Cursor& c) {
   StoreTable& table = c.Table();
   std::string error;
-  if (!table.session->client.Ask(c.request, c.answer, error)) {
+  if (!table.session->client.AskAround(c.request, c.answer, error)) {
     table.SetError(error);
     return SQLITE_ERROR;
   }
@@ -209,7 +209,7 @@ std::shared_ptr<KeptScan> KeepScan(StoreTable& table, QueryRequest request, bool
   for (;;) {
     QueryAnswer answer;
     std::string error;
-    if (!session.client.Ask(request, answer, error)) {
+    if (!session.client.AskAround(request, answer, error)) {
       table.SetError(error);
       return nullptr;
     }
