@@ -122,7 +122,9 @@ void BuildPristine(Pristine& out) {
         out.all.insert(tag++);
         bytes += size + 8;
       }
-      if (d + 1 < std::size(kBlocksPerDay)) ASSERT_TRUE(manager.Flush());
+      if (d + 1u < std::size(kBlocksPerDay)) {
+        ASSERT_TRUE(manager.Flush());
+      }
     }
     ASSERT_TRUE(manager.Stop());
   }

@@ -65,6 +65,7 @@ enum Message : uint32_t {
   kSaveMoveFailed = 43,
   kDumpFailed = 44,
   kRecordDayRepeated = 45,
+  kSaveKept = 46,
 };
 
 constexpr char kMagic[4] = {'E', 'T', 'R', 'N'};
@@ -333,6 +334,10 @@ bool Index::AddRecord(const uint8_t* bytes, uint32_t position, LoadCursor& curso
 
 bool Index::save(uint64_t last_event_timestamp) {
   last_event_timestamp_ = last_event_timestamp;
+  if (keep_file_) {
+    LogError(kSaveKept);
+    return false;
+  }
   Keel::Utils::String temp(temp_path());
   if (!save_to(last_event_timestamp, temp)) return false;
   // No delete of the old file first: rename replaces it atomically, while a

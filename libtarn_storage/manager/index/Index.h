@@ -68,6 +68,10 @@ class Index {
   // truncated or malformed. Records that fail their checks are skipped.
   bool try_load_existing(Settings& settings, Keel::Utils::String& path);
 
+  // An index file that exists but could not be read, nor moved aside, is
+  // never saved over: while kept, save fails (logged) and writes nothing.
+  void keep_file(bool keep) { keep_file_ = keep; }
+
   // Replaces the file atomically: writes and flushes "<file>.temp", then
   // renames it onto the file. Remembers `last_event_timestamp` whatever
   // the outcome; on failure the previous file is left as it was.
@@ -109,6 +113,7 @@ class Index {
   uint64_t last_event_timestamp_ = 0;
   bool was_read_ = false;
   bool was_found_ = false;
+  bool keep_file_ = false;
   std::string directory_;
   // The file image, kept between saves since one follows every block.
   Keel::Collections::Buffer image_;

@@ -134,6 +134,7 @@ bool StorageManager::Create(const Settings& settings, ITimeProvider* clock, uint
     MutexGuard lock(mutex_.get());
     if (!catalog_.Wipe()) Log(Keel::Log::Error, kWipeFailed);
     index_lost_ = false;
+    index_.keep_file(false);  // the file it kept went with the wipe
     SaveIndex();
   }
 
@@ -192,7 +193,7 @@ bool StorageManager::LoadIndex() {
       Log(Keel::Log::Error, kIndexSetAside);
     } else {
       Log(Keel::Log::Error, kIndexPinned);
-      index_pinned_ = true;
+      index_.keep_file(true);
     }
   }
   MergeAsideIndexes();
@@ -253,7 +254,6 @@ bool StorageManager::SaveIndex() {
   // Left unsaved while it names nothing: an empty file would make the day
   // files of a lost index look like the newest days' lost saves.
   if (index_lost_ && index_.tree().GetCount() == 0) return true;
-  if (index_pinned_) return true;
   if (!index_.save(index_.last_event_timestamp())) {
     Log(Keel::Log::Error, kIndexSaveFailed, index_.tree().GetCount());
     return false;

@@ -163,9 +163,6 @@ class StorageManager final : public Telemetry::ReportContributor {
   // Started without a usable index while day files existed (guarded by the
   // manager mutex).
   bool index_lost_ = false;
-  // An index file that could be neither read nor set aside: never saved
-  // over, so this run's blocks are found again from the files.
-  bool index_pinned_ = false;
   // Set-aside index files merged at start, deleted once the index is saved.
   std::vector<std::string> merged_indexes_;
 

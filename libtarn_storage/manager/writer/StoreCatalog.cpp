@@ -353,6 +353,17 @@ bool StoreCatalog::EvictAside() {
   return false;
 }
 
+void StoreCatalog::AppendIndexedFileNames(std::vector<std::string>& names) {
+  index_.tree().Iterate(
+      [&names](const uint16_t& day, DayInfo& info, void*, bool&) {
+        for (uint32_t i = 0; i < info.GetVersionCount(); ++i) {
+          names.push_back(Utils::DayFileName(day, info.GetVersion(i)->version));
+        }
+        return true;
+      },
+      nullptr);
+}
+
 void StoreCatalog::RefreshAsideSizes() {
   for (AsideFile& file : aside_) {
     uint64_t size = 0;
@@ -443,14 +454,7 @@ bool StoreCatalog::Wipe() {
     // Without a listing, what the store knows of goes.
     Log(Keel::Log::Error, kWipeListFailed);
     names = names_;
-    index_.tree().Iterate(
-        [&names](const uint16_t& day, DayInfo& info, void*, bool&) {
-          for (uint32_t i = 0; i < info.GetVersionCount(); ++i) {
-            names.push_back(Utils::DayFileName(day, info.GetVersion(i)->version));
-          }
-          return true;
-        },
-        nullptr);
+    AppendIndexedFileNames(names);
     for (const LooseFile& f : loose_) names.push_back(Utils::DayFileName(f.day, f.version));
     for (const AsideFile& f : aside_) names.push_back(f.name);
     names.push_back(Utils::kFinalFileName);

@@ -136,6 +136,8 @@ class StoreCatalog {
   bool EvictAside();
   // Sizes set-aside files that could not be sized when they went aside.
   void RefreshAsideSizes();
+  // The names of the day files the index names.
+  void AppendIndexedFileNames(std::vector<std::string>& names);
   bool EvictLoose(size_t which);
   void EvictIndexedDay(uint16_t day, DayInfo& info);
   void ForgetLooseFile(uint16_t day, uint8_t version);

@@ -50,7 +50,6 @@ enum Message : uint32_t {
   kVersionFileUnreadable = 11,
   kRecordRepeated = 12,
   kAdoptFlushFailed = 13,
-  kIndexListFailed = 14,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -101,18 +100,9 @@ void StoreCatalog::SizeDayFiles() {
   aside_.clear();
   aside_size_ = 0;
   std::vector<std::string> names = names_;
-  if (!listed_) {
-    // The files the index names are looked up by name; the others wait for
-    // a start that can list the directory.
-    index_.tree().Iterate(
-        [&names](const uint16_t& day, DayInfo& info, void*, bool&) {
-          for (uint32_t i = 0; i < info.GetVersionCount(); ++i) {
-            names.push_back(Utils::DayFileName(day, info.GetVersion(i)->version));
-          }
-          return true;
-        },
-        nullptr);
-  }
+  // Without a listing the files the index names are looked up by name; the
+  // others wait for a start that can list the directory.
+  if (!listed_) AppendIndexedFileNames(names);
   for (const std::string& name : names) {
     uint16_t day = 0;
     uint8_t version = 0;

@@ -39,6 +39,8 @@ constexpr uint32_t kScanBlockUnavailable = 132;
 // ">" starts it one second after.
 constexpr int kLess = 16;
 constexpr int kGreater = 4;
+// How many unreadable blocks one answer reads around.
+constexpr int kMaxDepth = 32;
 
 // One block as the index names it: the position of its first event and the
 // seconds (since 1970) of its first and last.
@@ -203,6 +205,16 @@ bool Empty(const QueryAnswer& answer) {
 
 bool ReadAround(QueryClient& client, IEventStorage& storage, const std::string& store,
                 const QueryRequest& request, QueryAnswer& answer, std::string& error) {
+  // Each piece reads around the next unreadable block it meets. A store whose
+  // blocks do not follow one another in time (written before its writer kept
+  // a day's seconds from going back) could send a piece back to the same
+  // block: past this depth the store's answer stands.
+  static thread_local int depth = 0;
+  if (depth >= kMaxDepth) return true;
+  struct Nested {
+    Nested() { ++depth; }
+    ~Nested() { --depth; }
+  } nested;
   const std::vector<BlockSpan> blocks = IndexedBlocks(store);
   const std::optional<Culprit> culprit = FindCulprit(storage, blocks, request);
   if (!culprit) return true;  // not a block: the status stands
