@@ -57,9 +57,10 @@ Model Expected(const uint8_t* data, size_t size) {
       continue;
     }
     if (!has_day || day != current) {
-      // A day whose records are split, or one day too many for the tree,
-      // makes the whole file unusable.
-      if (model.days.count(day) != 0 || model.days.size() == Index::kMaxDays) return empty;
+      // A record of a day met before is damaged and skipped like any bad
+      // record; one day too many for the tree makes the file unusable.
+      if (model.days.count(day) != 0) continue;
+      if (model.days.size() == Index::kMaxDays) return empty;
       has_day = true;
       current = day;
     }
