@@ -35,3 +35,14 @@ ColumnSelection SplitColumns(std::string_view text) {
 }
 
 }  // namespace Tarn::Storage::OSQuery
+
+namespace Tarn::Storage::OSQuery {
+
+bool AsksForPositions(const ColumnSelection& columns) {
+  for (uint32_t i = 0; i < columns.count; ++i) {
+    if (columns.names[i] == kPositionsColumn) return true;
+  }
+  return false;
+}
+
+}  // namespace Tarn::Storage::OSQuery

@@ -20,4 +20,11 @@ struct ColumnSelection {
 // past the 32nd are dropped and logged. The views point into `text`.
 ColumnSelection SplitColumns(std::string_view text);
 
+// A name no table has: a requester that adds it to its columns also gets,
+// in the message field "positions", each row's store position (u64, little
+// endian, in row order), which names the event for as long as the store
+// holds it. Converters pass over it like any name that is not a column.
+constexpr std::string_view kPositionsColumn = "@position";
+bool AsksForPositions(const ColumnSelection& columns);
+
 }  // namespace Tarn::Storage::OSQuery

@@ -81,7 +81,13 @@ bool Constraint::ParseValue() {
   number.u64 = 0;
   bool parsed = true;
   switch (affinity) {
-    case kIntegerAffinity: parsed = ParseWhole(expr, number.i32); break;
+    case kIntegerAffinity:
+      // A time is milliseconds since 1970, whatever width the requester
+      // named: read as 64 bits (a negative value wraps, as a 64-bit one would).
+      parsed = column_hash == kDateTimeHash ? ParseWhole(expr, number.u64) ||
+                                                  ParseWhole(expr, number.i64)
+                                            : ParseWhole(expr, number.i32);
+      break;
     case kBigIntAffinity: parsed = ParseWhole(expr, number.i64); break;
     case kUnsignedBigIntAffinity: parsed = ParseWhole(expr, number.u64); break;
     case kDoubleAffinity: parsed = ParseWhole(expr, number.f64) && std::isfinite(number.f64); break;

@@ -65,8 +65,11 @@ void ConstraintsList::Clear() {
 bool ConstraintsList::Parse(std::string_view text) {
   Clear();
   if (IsBlank(text)) return true;
+  // A column named twice keeps both of its lists: every constraint holds.
   Keel::Utils::TreeContainer document;
-  if (!document.Parse(text)) return Reject(kNotJson, text.size(), 0);
+  if (!document.Parse(text, Keel::Utils::TreeContainer::RepeatedKeys::kKeepAll)) {
+    return Reject(kNotJson, text.size(), 0);
+  }
   Node root = document.Root();
   if (!root.IsObject()) return Reject(kNotAnObject, 0, 0);
 

@@ -120,6 +120,10 @@ bool Scan::Visit(RawIterator at) {
   if (!MatchEvent(event, *request_.constraints)) return true;
   switch (add_row_(event, response_, *request_.columns, settings_, scratch_)) {
     case kRowAdded:
+      if (response_.with_positions && !response_.positions.PushUInt64(at)) {
+        response_.status = kStatusInternal;
+        return false;
+      }
       return true;
     case kRowBufferFull:
       response_.token = at;

@@ -33,6 +33,8 @@ enum Message : uint32_t {
 };
 
 constexpr std::string_view kAnsweredByAnotherModule = "edr_netdb";
+// Room for the positions of a page of 4,096 rows before the buffer grows.
+constexpr uint64_t kPositionsInitialBytes = 4'096 * 8;
 
 // An answer that says only how the query failed, for when the builder is
 // gone (the query threw before or while scanning).
@@ -91,6 +93,10 @@ bool QueryService::HandleOSQuery(Query&& query, const OSQuerySettings& settings,
   const uint32_t type_id = TableIdByName(query.table);
   if (type_id == 0) throw QueryException(QueryException::kUnknownTable);
   const ColumnSelection columns = SplitColumns(query.columns);
+  response.with_positions = AsksForPositions(columns);
+  if (response.with_positions && !response.positions.Create(kPositionsInitialBytes)) {
+    throw QueryException(QueryException::kNoBuffer);
+  }
   ConstraintsList constraints;
   if (!constraints.Parse(query.constraints)) {
     throw QueryException(QueryException::kBadConstraints);

@@ -13,6 +13,7 @@ enum Message : uint32_t {
   kEventsRefused = 91,  // a = answer size, b = status
   kAnswerBytes = 92,    // a, b = 16 bytes of the answer, c = their offset
   kAnswerSent = 93,     // a = status, b = rows, c = answer size
+  kPositionsRefused = 94,  // a = their size
 };
 
 constexpr uint64_t kDumpChunk = 16;
@@ -60,12 +61,26 @@ bool ResponseBuilder::Finish() {
       DropRows(status);
       break;
   }
+  bool sent = true;
+  if (with_positions && (status == kStatusComplete || status == kStatusPartial) &&
+      !msg.SetField("positions", positions.Data(), positions.Size())) {
+    KEEL_LOG(Keel::Log::Error, Keel::Log::StorageQuery, kPositionsRefused, positions.Size(), 0, 0);
+    token = kNoToken;
+    status = kStatusInternal;
+    DropRows(status);
+    sent = false;
+  }
   if (token != kNoToken) {
     uint8_t bytes[ContinuationToken::kSize];
     ContinuationToken{page, token}.Encode(bytes);
     if (!msg.SetField("token", bytes, sizeof(bytes))) {
+      // A partial answer without its token cannot be followed: it goes out
+      // as a failure, without its rows, and "events" is still set.
       KEEL_LOG(Keel::Log::Error, Keel::Log::StorageQuery, kTokenRefused, token, 0, 0);
-      return false;
+      token = kNoToken;
+      status = kStatusInternal;
+      DropRows(status);
+      sent = false;
     }
   }
   if (buffer.Size() < kDebugDumpBelow) DumpToDebugLog();
@@ -74,7 +89,7 @@ bool ResponseBuilder::Finish() {
     return false;
   }
   KEEL_LOG(Keel::Log::Debug, Keel::Log::StorageQuery, kAnswerSent, status, rows, buffer.Size());
-  return true;
+  return sent;
 }
 
 void ResponseBuilder::DumpToDebugLog() const {

@@ -27,7 +27,9 @@ struct ResponseBuilder {
 
   // Puts the final status and row count in the header, drops the rows of
   // an answer that is not sent whole, and sends "token" (when there is one)
-  // and then "events" on `msg`. False (logged) when a field is refused.
+  // and then "events" on `msg`. False (logged) when a field is refused; a
+  // refused token turns the answer into a failure (status 5, no rows) that
+  // still goes out as "events".
   bool Finish();
 
   uint32_t rows = 0;      // rows written so far
@@ -38,6 +40,10 @@ struct ResponseBuilder {
   uint8_t status = kInitialStatus;
   uint64_t token = kNoToken;  // where a partial answer resumes
   uint16_t page = 0;          // the page the token names
+  // Each row's store position, when the requester asked for them
+  // (kPositionsColumn); sent as "positions" with a whole or partial answer.
+  bool with_positions = false;
+  Keel::Collections::Buffer positions;
 
  private:
   void DropRows(uint8_t final_status);

@@ -37,7 +37,7 @@ uint8_t Reject(Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) 
 // decimal integers.
 std::optional<uint64_t> Milliseconds(const Constraint& c) {
   switch (c.affinity) {
-    case kIntegerAffinity: return static_cast<uint64_t>(static_cast<int64_t>(c.number.i32));
+    case kIntegerAffinity: return c.number.u64;  // read as 64 bits for date_time
     case kBigIntAffinity: return static_cast<uint64_t>(c.number.i64);
     case kUnsignedBigIntAffinity: return c.number.u64;
     case kDoubleAffinity: {

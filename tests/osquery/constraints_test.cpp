@@ -141,6 +141,24 @@ TEST(ConstraintsList, IteratesAllOrOneField) {
   EXPECT_TRUE(none == none.end());
 }
 
+TEST(ConstraintsList, AColumnNamedTwiceKeepsBothItsLists) {
+  // Every constraint holds, joined by AND: "pid > 1000" and "pid < 2000"
+  // given as two members, each with its own affinity.
+  ConstraintsList list;
+  ASSERT_TRUE(list.Parse(R"({
+      "pid": {"affinity": "integer", "list": [{"op": 4, "expr": "1000"}]},
+      "path": {"affinity": "text", "list": [{"op": 2, "expr": "/bin/sh"}]},
+      "pid": {"affinity": "bigint", "list": [{"op": 16, "expr": "2000"}]}})"));
+  std::vector<std::pair<uint8_t, uint8_t>> pid;
+  for (const Constraint& c : list.ForField(NameHash("pid"))) pid.push_back({c.op, c.affinity});
+  EXPECT_EQ(pid, (std::vector<std::pair<uint8_t, uint8_t>>{{kGreater, kIntegerAffinity},
+                                                           {kLess, kBigIntAffinity}}));
+  EXPECT_EQ(list.Size(), 3u);
+  // A value that does not parse in either still fails the whole text.
+  EXPECT_FALSE(list.Parse(R"({"pid": {"affinity": "integer", "list": []},
+                              "pid": {"affinity": "integer", "list": [{"op": 2, "expr": "x"}]}})"));
+}
+
 TEST(ConstraintsList, NamesSurviveMovesAndBuiltConstraintsHaveNone) {
   ConstraintsList moved;
   {

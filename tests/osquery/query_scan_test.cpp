@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "Tarn/Events/GenericEventHolder.h"
 #include "osquery/QueryScan.h"
+#include "osquery/Tables.h"
 #include "osquery/ResponseBuffer.h"
 #include "query_store.h"
 
@@ -82,6 +84,38 @@ TEST_F(QueryScanTest, EarlierTokensAndTokensOutsideTheStoreAreRefused) {
   EXPECT_EQ(reply.answer.row_count, 0u);
   // Tokens after the start resume there: followed through every page by
   // the model test.
+}
+
+TEST_F(QueryScanTest, AskedForThemEachRowComesWithItsEventsPosition) {
+  EventStorageProvider& reader = store_->provider();
+  for (const char* table : kTables) {
+    SCOPED_TRACE(table);
+    Query query = tarn::test::MakeQuery(table, "pid,date_time,@position");
+    std::vector<uint64_t> positions;
+    size_t rows = 0;
+    for (;;) {
+      Reply reply = store_->Ask(query, QueryLimits(4'000));
+      ASSERT_TRUE(reply.answer.status == 0 || reply.answer.status == 8);
+      ASSERT_EQ(reply.positions.size(), reply.answer.row_count);
+      positions.insert(positions.end(), reply.positions.begin(), reply.positions.end());
+      rows += reply.answer.row_count;
+      if (!reply.has_token) break;
+      query.token = reply.token.position;
+      query.page = reply.token.page;
+    }
+    // One per row, in store order, each naming an event of the table.
+    ASSERT_EQ(positions.size(), rows);
+    Events::GenericEventHolder holder;
+    for (size_t i = 0; i < positions.size(); ++i) {
+      if (i > 0) {
+        EXPECT_LT(reader.Compare(positions[i - 1], positions[i]), 0);
+      }
+      ASSERT_TRUE(reader.GetEvent(positions[i], &holder));
+      EXPECT_EQ(holder.Event().TypeId(), TableIdByName(table));
+    }
+    // Not asked for, none are sent.
+    EXPECT_TRUE(store_->Ask(tarn::test::MakeQuery(table, "pid")).positions.empty());
+  }
 }
 
 TEST_F(QueryScanTest, AFailingRowFailsTheAnswerWithStatusThree) {

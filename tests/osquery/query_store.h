@@ -39,6 +39,7 @@ struct Reply {
   Answer answer;
   bool has_token = false;
   Token token;
+  std::vector<uint64_t> positions;  // when the query asked for them
 };
 
 class QueryStore {
@@ -96,6 +97,13 @@ class QueryStore {
       reply.answer = ParseAnswer(*events);
     }
     if (auto token = msg.GetField("token")) reply.has_token = ParseToken(*token, reply.token);
+    if (auto positions = msg.GetField("positions")) {
+      for (size_t at = 0; at + 8 <= positions->size(); at += 8) {
+        uint64_t value = 0;
+        for (int b = 7; b >= 0; --b) value = value << 8 | static_cast<uint8_t>((*positions)[at + b]);
+        reply.positions.push_back(value);
+      }
+    }
   }
 
   Tarn::Storage::EventStorageProvider& provider() { return *provider_; }

@@ -87,6 +87,46 @@ TEST_F(FinishTest, FailuresDropTheRowsAndAnyToken) {
   }
 }
 
+// A bus that refuses one field, as one short of memory would.
+class RefusingMsg : public hx::MessageBus::Msg {
+ public:
+  explicit RefusingMsg(std::string refused) : refused_(std::move(refused)) {}
+  bool SetField(std::string_view name, const void* bytes, size_t size) override {
+    return name != refused_ && Msg::SetField(name, bytes, size);
+  }
+
+ private:
+  std::string refused_;
+};
+
+TEST(FinishRefusedTest, AnAnswerWhoseTokenOrPositionsAreRefusedStillSendsEvents) {
+  for (const char* refused : {"token", "positions"}) {
+    SCOPED_TRACE(refused);
+    RefusingMsg msg(refused);
+    ResponseBuilder response(msg);
+    OSQuerySettings settings;
+    settings.size_limit = 64;
+    settings.row_limit = 10;
+    ASSERT_TRUE(response.Start(settings));
+    response.with_positions = true;
+    ASSERT_TRUE(response.positions.Create(64));
+    response.buffer.PushUInt32(2);
+    response.buffer.Push("ab", 2);
+    response.positions.PushUInt64(42);
+    ++response.rows;
+    response.status = kStatusPartial;
+    response.token = 77;
+    // The answer cannot be followed: a failure without rows, but an answer.
+    EXPECT_FALSE(response.Finish());
+    auto events = msg.GetField("events");
+    ASSERT_TRUE(events.has_value());
+    Answer answer = ParseAnswer(*events);
+    EXPECT_EQ(answer.status, 5u);
+    EXPECT_EQ(answer.row_count, 0u);
+    EXPECT_FALSE(msg.HasField("token"));
+  }
+}
+
 TEST(ContinuationTokenTest, RoundTripsAndRejectsWhatIsNotOne) {
   uint8_t bytes[ContinuationToken::kSize];
   ContinuationToken{7, 0x1122334455667788ull}.Encode(bytes);

@@ -2,6 +2,8 @@
 
 #include <limits>
 #include <new>
+#include <string>
+#include <vector>
 #include <nlohmann/json.hpp>
 
 #include "Keel/Log.h"
@@ -248,9 +250,83 @@ TreeContainer& TreeContainer::operator=(TreeContainer&& other) noexcept {
   return *this;
 }
 
-bool TreeContainer::Parse(std::string_view text) {
+namespace {
+
+// Builds the document from the parser's events, keeping every member of
+// an object even when its key repeats.
+class KeepingBuilder {
+ public:
+  Json root;
+
+  bool null() { return Put(Json(nullptr)); }
+  bool boolean(bool v) { return Put(Json(v)); }
+  bool number_integer(Json::number_integer_t v) { return Put(Json(v)); }
+  bool number_unsigned(Json::number_unsigned_t v) { return Put(Json(v)); }
+  bool number_float(Json::number_float_t v, const Json::string_t&) { return Put(Json(v)); }
+  bool string(Json::string_t& v) { return Put(Json(v)); }
+  bool binary(Json::binary_t& v) { return Put(Json::binary(v)); }
+  bool start_object(std::size_t) { return Open(Json::object()); }
+  bool start_array(std::size_t) { return Open(Json::array()); }
+  bool key(Json::string_t& k) {
+    keys_.back() = k;
+    return true;
+  }
+  bool end_object() { return Close(); }
+  bool end_array() { return Close(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) {
+    return false;
+  }
+
+ private:
+  // Containers being built, and the key each awaits (objects only).
+  std::vector<Json> open_;
+  std::vector<std::string> keys_;
+
+  bool Open(Json container) {
+    open_.push_back(std::move(container));
+    keys_.emplace_back();
+    return true;
+  }
+  bool Close() {
+    Json done = std::move(open_.back());
+    open_.pop_back();
+    keys_.pop_back();
+    return Put(std::move(done));
+  }
+  bool Put(Json value) {
+    if (open_.empty()) {
+      root = std::move(value);
+      return true;
+    }
+    Json& parent = open_.back();
+    if (parent.is_array()) {
+      parent.push_back(std::move(value));
+      return true;
+    }
+    // The ordered object is a vector of members underneath: appending to it
+    // keeps a repeated key as a member of its own.
+    using Members = Json::object_t::Container;
+    static_cast<Members&>(parent.get_ref<Json::object_t&>())
+        .emplace_back(keys_.back(), std::move(value));
+    return true;
+  }
+};
+
+}  // namespace
+
+bool TreeContainer::Parse(std::string_view text, RepeatedKeys repeated) {
   try {
-    Json parsed = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+    Json parsed;
+    if (repeated == RepeatedKeys::kKeepAll) {
+      KeepingBuilder builder;
+      if (Json::sax_parse(text.begin(), text.end(), &builder)) {
+        parsed = std::move(builder.root);
+      } else {
+        parsed = Json(Json::value_t::discarded);
+      }
+    } else {
+      parsed = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+    }
     if (parsed.is_discarded()) {
       KEEL_LOG(Log::Warning, Log::Utils, kParseFailed, text.size(), 0, 0);
       return false;

@@ -115,9 +115,15 @@ class KEEL_API TreeContainer {
   TreeContainer(const TreeContainer&) = delete;
   TreeContainer& operator=(const TreeContainer&) = delete;
 
+  // What a member whose key its object already holds does: replace the
+  // first (as most parsers do), or stay a member of its own after it, found
+  // by Size/KeyAt/At (Child finds the first). A document whose meaning is
+  // the sum of its members (a list of filters, say) loses none of them.
+  enum class RepeatedKeys { kLastWins, kKeepAll };
+
   // Replaces the document with the JSON `text`. On failure (logged) the
   // document is unchanged.
-  bool Parse(std::string_view text);
+  bool Parse(std::string_view text, RepeatedKeys repeated = RepeatedKeys::kLastWins);
   std::string Dump(int indent = -1) const { return root_.Dump(indent); }
   // The top-level value. Invalid only after a failed construction or a move.
   Node Root() { return root_; }

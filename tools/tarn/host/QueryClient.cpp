@@ -15,6 +15,7 @@
 #include "osquery/ContinuationToken.h"
 #include "osquery/ResponseBuffer.h"
 #include "osquery/Tables.h"
+#include "osquery/Columns.h"
 #include "tarn/host/HostLog.h"
 #include "tarn/host/ReadAround.h"
 #include "tarn/cli/TextForms.h"
@@ -128,7 +129,13 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
   query.page = request.page;
   query.token = request.token;
   query.table = request.table;
-  query.columns = request.columns;
+  // The record views the texts: the column list with the positions' name
+  // added lives here until the record is written.
+  const std::string columns =
+      request.with_positions ? (request.columns.empty() ? "*" : request.columns) + "," +
+                                   std::string(Storage::OSQuery::kPositionsColumn)
+                             : request.columns;
+  query.columns = columns;
   query.constraints = request.constraints;
   Events::DynamicEventBuilder builder;
   if (!query.Write(builder, static_cast<uint64_t>(RealNowMs()))) {
@@ -154,6 +161,20 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
   }
   answer.events.assign(events->data(), events->size());
   if (!SplitRows(answer, error)) return false;
+  if (request.with_positions && answer.HasRows()) {
+    std::optional<std::string_view> positions = message.GetField("positions");
+    if (!positions || positions->size() != uint64_t{answer.row_count} * 8) {
+      error = "the store sent " + std::to_string(positions ? positions->size() / 8 : 0) +
+              " row positions for " + FormatCount(answer.row_count) + " rows";
+      return false;
+    }
+    answer.positions.resize(answer.row_count);
+    for (uint32_t i = 0; i < answer.row_count; ++i) {
+      uint64_t value = 0;
+      for (int b = 7; b >= 0; --b) value = value << 8 | static_cast<uint8_t>((*positions)[i * 8 + b]);
+      answer.positions[i] = value;
+    }
+  }
   if (std::optional<std::string_view> token = message.GetField("token")) {
     Storage::OSQuery::ContinuationToken decoded;
     if (!decoded.Decode(token->data(), token->size())) {

@@ -37,6 +37,8 @@ struct QueryRequest {
   std::string constraints;  // constraints JSON; empty: none
   uint64_t token = kNoToken;  // position to resume from
   uint16_t page = 0;          // continuation requests made so far
+  // Asks for each row's store position as well (QueryAnswer::positions).
+  bool with_positions = false;
 };
 
 // One answer as the module wrote it into the requester's message.
@@ -52,6 +54,9 @@ struct QueryAnswer {
   uint64_t next_token = QueryRequest::kNoToken;
   std::string events;                  // the answer's bytes
   std::vector<std::string_view> rows;  // each one serialized row, viewing `events`
+  // Each row's store position, when the request asked for them
+  // (QueryRequest::with_positions): what names the event.
+  std::vector<uint64_t> positions;
 
   // The rows are usable: all of them (0), or the first part (8, a token).
   bool HasRows() const { return status == kComplete || (status == kPartial && has_token); }

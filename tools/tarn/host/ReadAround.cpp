@@ -42,6 +42,12 @@ constexpr int kGreater = 4;
 // How many unreadable blocks one answer reads around.
 constexpr int kMaxDepth = 32;
 
+// A row with the position of its event.
+struct Row {
+  std::string bytes;
+  uint64_t position;
+};
+
 // One block as the index names it: the position of its first event and the
 // seconds (since 1970) of its first and last.
 struct BlockSpan {
@@ -132,7 +138,7 @@ std::optional<Culprit> FindCulprit(IEventStorage& storage, const std::vector<Blo
 // on and before `until` (a block's first position; none: the end), made
 // as the store's scan makes them.
 void RowsAt(IEventStorage& storage, const QueryRequest& request, uint64_t second, uint64_t from,
-            uint64_t until, std::vector<std::string>& rows) {
+            uint64_t until, std::vector<Row>& rows) {
   using namespace Storage::OSQuery;
   const uint32_t type = TableIdByName(request.table);
   ConstraintsList constraints;
@@ -159,13 +165,13 @@ void RowsAt(IEventStorage& storage, const QueryRequest& request, uint64_t second
       continue;
     }
     if (const google::protobuf::Message* row = ConvertEvent(&arena, event, columns)) {
-      rows.push_back(row->SerializeAsString());
+      rows.push_back({row->SerializeAsString(), at});
     }
   }
 }
 
 // An answer of `rows`, partial with a token at `next` unless that is none.
-void Compose(const std::vector<std::string>& rows, uint64_t next, const QueryRequest& request,
+void Compose(const std::vector<Row>& rows, uint64_t next, const QueryRequest& request,
              QueryAnswer& answer) {
   answer = QueryAnswer();
   answer.handled = true;
@@ -173,25 +179,32 @@ void Compose(const std::vector<std::string>& rows, uint64_t next, const QueryReq
   answer.status = answer.has_token ? QueryAnswer::kPartial : QueryAnswer::kComplete;
   answer.next_token = next;
   answer.next_page = static_cast<uint16_t>(request.page + 1);
-  for (const std::string& row : rows) answer.events += row;
+  for (const Row& row : rows) answer.events += row.bytes;
   answer.row_count = static_cast<uint32_t>(rows.size());
   size_t at = 0;
-  for (const std::string& row : rows) {
-    answer.rows.emplace_back(answer.events.data() + at, row.size());
-    at += row.size();
+  for (const Row& row : rows) {
+    answer.rows.emplace_back(answer.events.data() + at, row.bytes.size());
+    if (request.with_positions) answer.positions.push_back(row.position);
+    at += row.bytes.size();
+  }
+}
+
+// The rows of an answer, with their positions when it has them.
+void TakeRows(const QueryAnswer& answer, std::vector<Row>& rows) {
+  for (size_t i = 0; i < answer.rows.size(); ++i) {
+    rows.push_back({std::string(answer.rows[i]),
+                    i < answer.positions.size() ? answer.positions[i] : kNone});
   }
 }
 
 // `rows` ahead of the answer's own.
-void Prepend(const std::vector<std::string>& rows, const QueryRequest& request,
-             QueryAnswer& answer) {
+void Prepend(std::vector<Row> rows, const QueryRequest& request, QueryAnswer& answer) {
   if (rows.empty()) return;
-  std::vector<std::string> all = rows;
-  for (std::string_view row : answer.rows) all.emplace_back(row);
+  TakeRows(answer, rows);
   const bool more = answer.status == QueryAnswer::kPartial && answer.has_token;
   const uint64_t next = more ? answer.next_token : kNone;
   const uint16_t page = answer.next_page;
-  Compose(all, next, request, answer);
+  Compose(rows, next, request, answer);
   if (more) answer.next_page = page;
 }
 
@@ -225,7 +238,7 @@ bool ReadAround(QueryClient& client, IEventStorage& storage, const std::string& 
   uint64_t after = block.key;
   while (storage.IsValid(after) && RawIterator(after).AsKey() == block.key) storage.Increment(after);
 
-  std::vector<std::string> rows;
+  std::vector<Row> rows;
   if (culprit->edge == Edge::kStart) {
     // The range is asked again from the second after the block's last; the
     // events of that second past the block are read here.
@@ -235,7 +248,7 @@ bool ReadAround(QueryClient& client, IEventStorage& storage, const std::string& 
     if (!token_past) raised.token = QueryRequest::kNoToken;
     if (!client.AskAround(raised, answer, error)) return false;
     if (Empty(answer)) Compose({}, kNone, request, answer);
-    if (answer.HasRows()) Prepend(rows, request, answer);
+    if (answer.HasRows()) Prepend(std::move(rows), request, answer);
     return true;
   }
   // Before the block: the range ends one second before the last second of
@@ -248,7 +261,7 @@ bool ReadAround(QueryClient& client, IEventStorage& storage, const std::string& 
     // A next page is asked with the whole query, which comes back here.
     if (answer.status == QueryAnswer::kPartial && answer.has_token) return true;
     if (!answer.HasRows() && !Empty(answer)) return true;  // a limit: the caller says
-    for (std::string_view row : answer.rows) rows.emplace_back(row);
+    TakeRows(answer, rows);
     const uint64_t from = storage.GetIterVal(Keel::OS::DateTime(static_cast<int64_t>(second)),
                                              Comm::Interface::AtOrAfter);
     RowsAt(storage, request, second, from, block.key, rows);
