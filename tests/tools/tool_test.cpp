@@ -399,7 +399,7 @@ TEST_F(DamagedStore, SqlReadsAroundABlockItCannotReadAndNamesIt) {
       std::sort(lines.begin() + 1, lines.end());
       std::string got;
       for (size_t i = 1; i < lines.size(); ++i) got += lines[i] + "\n";
-      EXPECT_EQ(got, expected);
+      EXPECT_EQ(got, expected) << run.err;
     }
   }
 }

@@ -161,7 +161,8 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
   }
   answer.events.assign(events->data(), events->size());
   if (!SplitRows(answer, error)) return false;
-  if (request.with_positions && answer.HasRows()) {
+  // An answer without rows (a range outside the store, say) has none to send.
+  if (request.with_positions && answer.HasRows() && answer.row_count != 0) {
     std::optional<std::string_view> positions = message.GetField("positions");
     if (!positions || positions->size() != uint64_t{answer.row_count} * 8) {
       error = "the store sent " + std::to_string(positions ? positions->size() / 8 : 0) +

@@ -66,6 +66,9 @@ void KeptScan::Add(QueryAnswer&& answer) {
   bytes_ += answer.events.size();
   const std::string& page = pages_.emplace_back(std::move(answer.events));
   for (const auto& [offset, size] : spans) rows_.emplace_back(page.data() + offset, size);
+  positions_.resize(rows_.size() - spans.size());
+  positions_.insert(positions_.end(), answer.positions.begin(), answer.positions.end());
+  positions_.resize(rows_.size());
 }
 
 const KeptScan::Picks& KeptScan::Lookup(const std::vector<uint16_t>& columns,

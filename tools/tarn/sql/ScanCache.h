@@ -49,6 +49,8 @@ class KeptScan {
   void Add(QueryAnswer&& answer);
   size_t RowCount() const { return rows_.size(); }
   std::string_view Row(size_t i) const { return rows_[i]; }
+  // The store position of row `i`'s event (0 when its page had none).
+  uint64_t Position(size_t i) const { return i < positions_.size() ? positions_[i] : 0; }
   uint64_t Bytes() const { return bytes_; }
 
   // The rows whose `columns` have `key` (AppendKeyPart of each column's
@@ -68,6 +70,7 @@ class KeptScan {
 
   std::deque<std::string> pages_;  // never moved once added: rows view them
   std::vector<std::string_view> rows_;
+  std::vector<uint64_t> positions_;
   uint64_t bytes_ = 0;
   std::map<std::vector<uint16_t>, Index> indexes_;
   std::vector<int64_t> times_;  // date_time of each row, once asked for

@@ -124,6 +124,7 @@ QueryRequest SlicedScans::SliceRequest(const PlannedScan& scan, SecondRange slic
   request.table = scan.table->name;
   request.columns = scan.columns;
   request.constraints = pushed.json;
+  request.with_positions = true;
   return request;
 }
 

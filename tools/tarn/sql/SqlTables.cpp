@@ -10,6 +10,7 @@
 
 #include "osquery/Tables.h"
 #include "tarn/host/QueryClient.h"
+#include "tarn/sql/RowFeed.h"
 #include "tarn/sql/ScanCache.h"
 #include "tarn/sql/ScanPlan.h"
 #include "tarn/sql/SqlAddresses.h"
@@ -46,34 +47,10 @@ struct Cursor : sqlite3_vtab_cursor {
   StoreTable& Table() const { return *static_cast<StoreTable*>(pVtab); }
 
   RowReader reader;
-  std::string_view current;  // the row the cursor is on
-  bool parsed = false;       // `reader` holds `current`
+  std::unique_ptr<RowFeed> feed;  // where the rows come from
+  FedRow current;                 // the row the cursor is on
+  bool parsed = false;            // `reader` holds `current`
   bool eof = true;
-  sqlite3_int64 rowid = 0;
-
-  // Rows streamed from the store, a page at a time.
-  bool streaming = false;
-  QueryRequest request;
-  QueryAnswer answer;
-  size_t next = 0;  // in answer.rows
-
-  // Or rows the statement's workers asked for, slice after slice: the
-  // slice being read, and where in it.
-  std::shared_ptr<SlicedScans> sliced;
-  size_t sliced_scan = 0;
-  size_t next_slice = 0;
-  std::shared_ptr<SlicePart> part;
-  size_t part_answer = 0;
-  size_t part_row = 0;
-
-  // Or rows kept from an earlier scan: those picked, or else the row
-  // numbers [row, row_end).
-  std::shared_ptr<KeptScan> kept;
-  bool picked = false;
-  const uint32_t* pick = nullptr;
-  const uint32_t* pick_end = nullptr;
-  size_t row = 0;
-  size_t row_end = 0;
 
   // What the last filter was, to see a scan repeated with other values.
   std::string last_plan;
@@ -181,28 +158,11 @@ int Close(sqlite3_vtab_cursor* cursor) {
   return SQLITE_OK;
 }
 
-// Asks for the cursor's request; SQLITE_ERROR, with the table's message
-// set, for an answer without rows.
-int FetchPage(Cursor& c) {
-  StoreTable& table = c.Table();
-  std::string error;
-  if (!table.session->client.AskAround(c.request, c.answer, error)) {
-    table.SetError(error);
-    return SQLITE_ERROR;
-  }
-  if (!c.answer.HasRows()) {
-    table.SetError(table.table->name + std::string(": ") +
-                   table.session->client.Explain(c.answer.status));
-    return SQLITE_ERROR;
-  }
-  c.next = 0;
-  return SQLITE_OK;
-}
-
 // Every page of a scan, kept; null with the table's message set on a
 // failure, or null with `fits` false when the rows pass the budget.
 std::shared_ptr<KeptScan> KeepScan(StoreTable& table, QueryRequest request, bool& fits) {
   ScanSession& session = *table.session;
+  request.with_positions = true;
   auto scan = std::make_shared<KeptScan>();
   uint64_t budget = ScanSession::kBudget - std::min(ScanSession::kBudget, session.stats.kept_bytes);
   fits = true;
@@ -229,68 +189,15 @@ std::shared_ptr<KeptScan> KeepScan(StoreTable& table, QueryRequest request, bool
   }
 }
 
-// Moves the cursor to the next slice of its sliced scan: rows a worker
-// asked for, or the slice's query to stream here.
-int NextSlice(Cursor& c) {
-  std::shared_ptr<SlicePart> part = c.sliced->Take(c.sliced_scan, c.next_slice++);
-  switch (part->state) {
-    case SlicePart::State::kDone:
-      c.part = std::move(part);
-      c.part_answer = 0;
-      c.part_row = 0;
-      return SQLITE_OK;
-    case SlicePart::State::kFailed:
-      c.Table().SetError(c.Table().table->name + std::string(": ") + part->error);
-      return SQLITE_ERROR;
-    default:
-      if (part->request.table.empty()) return SQLITE_OK;  // nothing to ask
-      c.request = part->request;
-      c.streaming = true;
-      return FetchPage(c);
-  }
-}
-
 int Next(sqlite3_vtab_cursor* base) {
   Cursor& c = *static_cast<Cursor*>(base);
   c.parsed = false;
-  ++c.rowid;
-  if (c.kept != nullptr) {
-    if (c.picked ? c.pick == c.pick_end : c.row >= c.row_end) {
-      c.eof = true;
-      return SQLITE_OK;
-    }
-    c.current = c.kept->Row(c.picked ? *c.pick++ : c.row++);
-    return SQLITE_OK;
-  }
-  for (;;) {
-    if (c.part != nullptr) {
-      for (; c.part_answer < c.part->answers.size(); ++c.part_answer, c.part_row = 0) {
-        const std::vector<std::string_view>& rows = c.part->answers[c.part_answer].rows;
-        if (c.part_row < rows.size()) {
-          c.current = rows[c.part_row++];
-          return SQLITE_OK;
-        }
-      }
-      c.part.reset();
-    } else if (c.streaming) {
-      if (c.next < c.answer.rows.size()) {
-        c.current = c.answer.rows[c.next++];
-        return SQLITE_OK;
-      }
-      if (c.answer.status == QueryAnswer::kPartial) {
-        c.request.token = c.answer.next_token;
-        c.request.page = c.answer.next_page;
-        if (int rc = FetchPage(c); rc != SQLITE_OK) return rc;
-        continue;
-      }
-      c.streaming = false;
-    }
-    if (c.sliced == nullptr || c.next_slice >= c.sliced->SliceCount()) {
-      c.eof = true;
-      return SQLITE_OK;
-    }
-    if (int rc = NextSlice(c); rc != SQLITE_OK) return rc;
-  }
+  std::string error;
+  if (c.feed != nullptr && c.feed->Next(c.current, error)) return SQLITE_OK;
+  c.eof = true;
+  if (error.empty()) return SQLITE_OK;
+  c.Table().SetError(error);
+  return SQLITE_ERROR;
 }
 
 // Serves a scan from kept rows: those its varying equal terms look up, and
@@ -298,10 +205,11 @@ int Next(sqlite3_vtab_cursor* base) {
 void ServeKept(Cursor& c, std::shared_ptr<KeptScan> scan, const ScanPlan& plan,
                const std::vector<SqlValue>& values, const std::vector<bool>& fixed) {
   const TableInfo& table = *c.Table().table;
-  c.kept = std::move(scan);
-  c.picked = false;
-  c.row = 0;
-  c.row_end = c.kept->RowCount();
+  bool picked = false;
+  const uint32_t* pick = nullptr;
+  const uint32_t* pick_end = nullptr;
+  size_t row = 0;
+  size_t row_end = scan->RowCount();
   std::vector<uint16_t> columns;
   std::string key;
   std::vector<SqlConstraint> times;
@@ -314,33 +222,33 @@ void ServeKept(Cursor& c, std::shared_ptr<KeptScan> scan, const ScanPlan& plan,
     bool never = false;
     if (!ValueKey(values[i], table.columns[t.column].kind, part, never)) continue;
     if (never) {
-      c.row_end = 0;
+      c.feed = KeptRows(std::move(scan), false, nullptr, nullptr, 0, 0);
       return;
     }
     columns.push_back(t.column);
     AppendKeyPart(key, part);
   }
   if (!columns.empty()) {
-    const KeptScan::Picks& picks = c.kept->Lookup(columns, key, table, c.reader);
-    c.picked = true;
-    c.pick = picks.data();
-    c.pick_end = picks.data() + picks.size();
+    const KeptScan::Picks& picks = scan->Lookup(columns, key, table, c.reader);
+    picked = true;
+    pick = picks.data();
+    pick_end = picks.data() + picks.size();
   }
   int64_t lower = 0;
   int64_t upper = 0;
   size_t first = 0;
   size_t last = 0;
-  if (!DateTimeSpan(table, times, lower, upper) ||
-      !c.kept->TimeRows(lower, upper, table, c.reader, first, last)) {
-    return;
+  if (DateTimeSpan(table, times, lower, upper) &&
+      scan->TimeRows(lower, upper, table, c.reader, first, last)) {
+    if (picked) {
+      pick = std::lower_bound(pick, pick_end, static_cast<uint32_t>(first));
+      pick_end = std::lower_bound(pick, pick_end, static_cast<uint32_t>(last));
+    } else {
+      row = first;
+      row_end = std::max(first, last);
+    }
   }
-  if (c.picked) {
-    c.pick = std::lower_bound(c.pick, c.pick_end, static_cast<uint32_t>(first));
-    c.pick_end = std::lower_bound(c.pick, c.pick_end, static_cast<uint32_t>(last));
-  } else {
-    c.row = first;
-    c.row_end = std::max(first, last);
-  }
+  c.feed = KeptRows(std::move(scan), picked, pick, pick_end, row, row_end);
 }
 
 int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
@@ -380,13 +288,7 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
     table.SetError(error);
     return SQLITE_ERROR;
   }
-  c.kept.reset();
-  c.sliced.reset();
-  c.part.reset();
-  c.streaming = false;
-  c.answer = QueryAnswer();
-  c.next = 0;
-  c.rowid = 0;
+  c.feed.reset();
   c.eof = false;
   const PushedConstraints pushed = PushConstraints(*table.table, all);
   if (pushed.nothing) {
@@ -404,9 +306,7 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
   const int sliced = session.sliced != nullptr ? session.sliced->Find(key) : -1;
   if (sliced >= 0 && stable.size() == all.size() && !repeated) {
     // The statement's workers have this scan: read it slice after slice.
-    c.sliced = session.sliced;
-    c.sliced_scan = static_cast<size_t>(sliced);
-    c.next_slice = 0;
+    c.feed = SlicedRows(session.client, session.sliced, static_cast<size_t>(sliced));
     return Next(&c);
   }
   if ((repeated || joined) && session.too_big.count(key) == 0) {
@@ -439,12 +339,11 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
     }
     session.too_big.insert(key);  // streamed every time from now on
   }
-  c.request = QueryRequest();
-  c.request.table = table.table->name;
-  c.request.columns = columns;
-  c.request.constraints = pushed.json;
-  c.streaming = true;
-  if (int rc = FetchPage(c); rc != SQLITE_OK) return rc;
+  QueryRequest request;
+  request.table = table.table->name;
+  request.columns = columns;
+  request.constraints = pushed.json;
+  c.feed = StreamedRows(session.client, std::move(request));
   return Next(&c);
 }
 
@@ -455,7 +354,7 @@ int Column(sqlite3_vtab_cursor* base, sqlite3_context* context, int i) {
   StoreTable& table = c.Table();
   if (i < 0 || i >= table.table->column_count) return SQLITE_RANGE;
   if (!c.parsed) {
-    if (!c.reader.Parse(c.current)) {
+    if (!c.reader.Parse(c.current.bytes)) {
       sqlite3_result_error(context, "a row of the store's answer does not parse", -1);
       return SQLITE_ERROR;
     }
@@ -485,8 +384,10 @@ int Column(sqlite3_vtab_cursor* base, sqlite3_context* context, int i) {
   return SQLITE_OK;
 }
 
+// The event's store position: the same event has the same rowid in every
+// scan of a statement, as SQLite needs when it reads an OR term by term.
 int Rowid(sqlite3_vtab_cursor* base, sqlite3_int64* rowid) {
-  *rowid = static_cast<Cursor*>(base)->rowid;
+  *rowid = static_cast<sqlite3_int64>(static_cast<Cursor*>(base)->current.position);
   return SQLITE_OK;
 }
 

@@ -1,0 +1,163 @@
+#include "tarn/sql/RowFeed.h"
+
+#include "tarn/sql/ScanCache.h"
+#include "tarn/sql/SlicedScans.h"
+
+namespace Tarn::Tool {
+namespace {
+
+// The rows of answers already had, in order.
+class AnswerRows {
+ public:
+  void Reset(std::vector<QueryAnswer>* answers) {
+    answers_ = answers;
+    answer_ = 0;
+    row_ = 0;
+  }
+  bool Next(FedRow& row) {
+    for (; answers_ != nullptr && answer_ < answers_->size(); ++answer_, row_ = 0) {
+      const QueryAnswer& answer = (*answers_)[answer_];
+      if (row_ < answer.rows.size()) {
+        row = {answer.rows[row_], row_ < answer.positions.size() ? answer.positions[row_] : 0};
+        ++row_;
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  std::vector<QueryAnswer>* answers_ = nullptr;
+  size_t answer_ = 0;
+  size_t row_ = 0;
+};
+
+class Streamed : public RowFeed {
+ public:
+  Streamed(QueryClient& client, QueryRequest request)
+      : client_(client), request_(std::move(request)) {
+    request_.with_positions = true;
+  }
+
+  bool Next(FedRow& row, std::string& error) override {
+    for (;;) {
+      if (rows_.Next(row)) return true;
+      if (asked_ && (pages_.empty() || pages_.back().status != QueryAnswer::kPartial)) {
+        return false;
+      }
+      if (asked_) {
+        request_.token = pages_.back().next_token;
+        request_.page = pages_.back().next_page;
+      }
+      asked_ = true;
+      pages_.assign(1, QueryAnswer());
+      if (!client_.AskAround(request_, pages_.back(), error)) return false;
+      if (!pages_.back().HasRows()) {
+        error = request_.table + ": " + client_.Explain(pages_.back().status);
+        return false;
+      }
+      rows_.Reset(&pages_);
+    }
+  }
+
+ private:
+  QueryClient& client_;
+  QueryRequest request_;
+  bool asked_ = false;
+  std::vector<QueryAnswer> pages_;  // the page being read
+  AnswerRows rows_;
+};
+
+class Sliced : public RowFeed {
+ public:
+  Sliced(QueryClient& client, std::shared_ptr<SlicedScans> sliced, size_t scan)
+      : client_(client), sliced_(std::move(sliced)), scan_(scan) {}
+
+  bool Next(FedRow& row, std::string& error) override {
+    for (;;) {
+      if (streamed_ != nullptr) {
+        if (streamed_->Next(row, error)) return true;
+        if (!error.empty()) return false;
+        streamed_.reset();
+      }
+      if (rows_.Next(row)) return true;
+      part_.reset();
+      if (next_slice_ >= sliced_->SliceCount()) return false;
+      std::shared_ptr<SlicePart> part = sliced_->Take(scan_, next_slice_++);
+      switch (part->state) {
+        case SlicePart::State::kDone:
+          part_ = std::move(part);
+          rows_.Reset(&part_->answers);
+          break;
+        case SlicePart::State::kFailed:
+          error = part->request.table + ": " + part->error;
+          return false;
+        default:
+          // No worker got to it: asked for here, page by page.
+          if (!part->request.table.empty()) streamed_ = StreamedRows(client_, part->request);
+          break;
+      }
+    }
+  }
+
+ private:
+  QueryClient& client_;
+  std::shared_ptr<SlicedScans> sliced_;
+  size_t scan_;
+  size_t next_slice_ = 0;
+  std::shared_ptr<SlicePart> part_;
+  AnswerRows rows_;
+  std::unique_ptr<RowFeed> streamed_;
+};
+
+class Kept : public RowFeed {
+ public:
+  Kept(std::shared_ptr<KeptScan> kept, bool picked, const uint32_t* pick,
+       const uint32_t* pick_end, size_t first, size_t last)
+      : kept_(std::move(kept)),
+        picked_(picked),
+        pick_(pick),
+        pick_end_(pick_end),
+        row_(first),
+        row_end_(last) {}
+
+  bool Next(FedRow& row, std::string&) override {
+    size_t i = 0;
+    if (picked_) {
+      if (pick_ == pick_end_) return false;
+      i = *pick_++;
+    } else {
+      if (row_ >= row_end_) return false;
+      i = row_++;
+    }
+    row = {kept_->Row(i), kept_->Position(i)};
+    return true;
+  }
+
+ private:
+  std::shared_ptr<KeptScan> kept_;
+  bool picked_;
+  const uint32_t* pick_;
+  const uint32_t* pick_end_;
+  size_t row_;
+  size_t row_end_;
+};
+
+}  // namespace
+
+std::unique_ptr<RowFeed> StreamedRows(QueryClient& client, QueryRequest request) {
+  return std::make_unique<Streamed>(client, std::move(request));
+}
+
+std::unique_ptr<RowFeed> SlicedRows(QueryClient& client, std::shared_ptr<SlicedScans> sliced,
+                                    size_t scan) {
+  return std::make_unique<Sliced>(client, std::move(sliced), scan);
+}
+
+std::unique_ptr<RowFeed> KeptRows(std::shared_ptr<KeptScan> kept, bool picked,
+                                  const uint32_t* pick, const uint32_t* pick_end, size_t first,
+                                  size_t last) {
+  return std::make_unique<Kept>(std::move(kept), picked, pick, pick_end, first, last);
+}
+
+}  // namespace Tarn::Tool
