@@ -198,7 +198,7 @@ TEST_F(TarnSqlInUse, TheShellEditsRunsStopsAndRemembers) {
       "SELECT count(*) FROM n;\r");
   ASSERT_TRUE(terminal.WaitFor("count(*)\r\n"));
   terminal.Type("\x03");
-  ASSERT_TRUE(terminal.WaitFor("tarn: interrupted\r\n"));
+  ASSERT_TRUE(terminal.WaitFor("tarn: interrupted (the statement failed after 0 rows were written)\r\n"));
   ASSERT_TRUE(terminal.Prompted("tarn> "));
   // Ctrl-C at a continuation prompt drops the statement being typed. (One
   // that comes after the prompt is drawn and before the wait for keys
@@ -248,27 +248,35 @@ TEST_F(TarnSqlInUse, AnIdCopiedFromAnyOutputFindsItsRows) {
             "pid,pid\n8,7\n");
 }
 
-// Where SQLite would read such a literal as an inexact real, it reads the
-// id's 64 bits; strings, names, comments, reals and negatives stay.
-TEST(SignedIdLiterals, RewriteOnlyPlainIntegersPast2To63) {
+// Where such a literal meets a 64-bit id column SQLite reads the id's 64
+// bits; anywhere else, and in strings, names, comments, reals and
+// negatives, it stays for SQLite to read.
+TEST(SignedIdLiterals, RewriteOnlyPlainIntegersPast2To63ThatMeetAnId) {
   const std::pair<std::string, std::string> cases[] = {
-      {"x = 18446744073709551557", "x = (-59)"},
-      {"x=9223372036854775808 OR x=9223372036854775807",
-       "x=(-9223372036854775808) OR x=9223372036854775807"},
-      {"x = -9223372036854775808 OR x = - 18446744073709551557",
-       "x = -9223372036854775808 OR x = - 18446744073709551557"},
+      {"puid = 18446744073709551557", "puid = (-59)"},
+      {"p.puid=9223372036854775808 OR \"puid\"=9223372036854775807",
+       "p.puid=(-9223372036854775808) OR \"puid\"=9223372036854775807"},
+      {"18446744073709551557 <> c.parent_puid", "(-59) <> c.parent_puid"},
+      {"puid IN (1, 18446744073709551557, 2)", "puid IN (1, (-59), 2)"},
+      {"puid BETWEEN 9223372036854775808 AND 18446744073709551615",
+       "puid BETWEEN (-9223372036854775808) AND (-1)"},
+      {"puid = -9223372036854775808 OR puid = - 18446744073709551557",
+       "puid = -9223372036854775808 OR puid = - 18446744073709551557"},
+      // Not an id: a time, a 32-bit column, an expression, a bare number.
+      {"date_time < 9999999999999999999", "date_time < 9999999999999999999"},
+      {"pid = 18446744073709551557", "pid = 18446744073709551557"},
+      {"puid + 18446744073709551557", "puid + 18446744073709551557"},
+      {"SELECT 18446744073709551615 > 0", "SELECT 18446744073709551615 > 0"},
       {"'18446744073709551557', \"18446744073709551557\", [1844674407370955155 7], "
        "`18446744073709551557`, 'it''s 18446744073709551557'",
        "'18446744073709551557', \"18446744073709551557\", [1844674407370955155 7], "
        "`18446744073709551557`, 'it''s 18446744073709551557'"},
-      {"t18446744073709551557, 18446744073709551557.5, .18446744073709551557, "
-       "18446744073709551557e0, 0x18446744073709551557, 18446744073709551616, "
-       "?18446744073709551557, x'18446744073709551557'",
-       "t18446744073709551557, 18446744073709551557.5, .18446744073709551557, "
-       "18446744073709551557e0, 0x18446744073709551557, 18446744073709551616, "
-       "?18446744073709551557, x'18446744073709551557'"},
-      {"-- 18446744073709551557\n/* 18446744073709551557 */ 18446744073709551557",
-       "-- 18446744073709551557\n/* 18446744073709551557 */ (-59)"},
+      {"puid = 18446744073709551557.5 OR puid = 0x18446744073709551557 OR puid = "
+       "18446744073709551616 OR puid = ?18446744073709551557",
+       "puid = 18446744073709551557.5 OR puid = 0x18446744073709551557 OR puid = "
+       "18446744073709551616 OR puid = ?18446744073709551557"},
+      {"-- puid = 18446744073709551557\n/* 18446744073709551557 */ puid = 18446744073709551557",
+       "-- puid = 18446744073709551557\n/* 18446744073709551557 */ puid = (-59)"},
   };
   for (const auto& [sql, want] : cases) EXPECT_EQ(Tarn::Tool::SignedIdLiterals(sql), want);
 
@@ -276,11 +284,13 @@ TEST(SignedIdLiterals, RewriteOnlyPlainIntegersPast2To63) {
   ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
   sqlite3_stmt* statement = nullptr;
   const std::string sql = Tarn::Tool::SignedIdLiterals(
-      "SELECT 18446744073709551557 = -59, typeof(9223372036854775808)");
+      "SELECT (SELECT count(*) FROM (SELECT -59 AS puid) WHERE puid = 18446744073709551557), "
+      "18446744073709551615 > 0, typeof(9223372036854775808)");
   ASSERT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr), SQLITE_OK);
   ASSERT_EQ(sqlite3_step(statement), SQLITE_ROW);
   EXPECT_EQ(sqlite3_column_int(statement, 0), 1);
-  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(statement, 1)), "integer");
+  EXPECT_EQ(sqlite3_column_int(statement, 1), 1);
+  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(statement, 2)), "real");
   sqlite3_finalize(statement);
   sqlite3_close(db);
 }

@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <ctime>
 #include <chrono>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -175,6 +176,33 @@ TEST_F(TarnSql, AnOrOfPushedTermsLosesNoRow) {
   }
 }
 
+TEST_F(TarnSql, AStatementThatFailsHalfwayIsNoWholeAnswer) {
+  // SQLite's abs() fails on the smallest integer: the statement fails at
+  // the first row past the middle of the table, after writing the others.
+  const std::vector<const Json*> creates = Of("edr_process_create");
+  const size_t half = creates.size() / 2;
+  const std::string sql =
+      "SELECT pid, CASE WHEN date_time >= " +
+      std::to_string(creates[half]->at("date_time").get<int64_t>()) +
+      " THEN abs(-9223372036854775807 - 1) ELSE 0 END FROM edr_process_create";
+  for (const char* format : {"json", "csv"}) {
+    SCOPED_TRACE(format);
+    ToolRun run = Run({"sql", "--store", Store(), "--threads", "1", "--format", format, sql});
+    EXPECT_EQ(run.status, 1);
+    const size_t at = run.err.find("the statement failed after ");
+    ASSERT_NE(at, std::string::npos) << run.err;
+    const size_t written = std::stoul(run.err.substr(at + 27));
+    EXPECT_GT(written, 0u);
+    EXPECT_LE(written, half);
+    if (std::string(format) == "json") {
+      EXPECT_TRUE(OrderedJson::parse(run.out, nullptr, false).is_discarded())
+          << "a failed answer must not parse as a whole one";
+    } else {
+      EXPECT_EQ(Lines(run.out).size(), written + 1);  // the header, then the rows written
+    }
+  }
+}
+
 TEST_F(TarnSql, EachOperatorAndLikeAnswerWhatTheEventsHold) {
   const auto creates = Of("edr_process_create");
   ASSERT_GT(creates.size(), 200u);
@@ -331,6 +359,49 @@ TEST_F(TarnSql, AnHourOfSeveralDaysIsAllTheStoreReads) {
   EXPECT_EQ(all_visited, events_.size());
   EXPECT_GT(bytes, 0);
   EXPECT_LT(bytes * 5, all_bytes) << "an hour of three days reads a few of the blocks";
+}
+
+TEST_F(TarnSql, AnHourCostsAsMuchOnEveryCoreWhateverFormItsBoundsTake) {
+  // What a statement asks of the store, from --stats: rows received and
+  // bytes read from the store's files.
+  auto cost = [&](const std::string& sql, const char* threads) {
+    ToolRun run =
+        Run({"sql", "--store", Store(), "--stats", "--threads", threads, "--format", "csv", sql});
+    EXPECT_EQ(run.status, 0) << sql << "\n" << run.err;
+    std::smatch m;
+    uint64_t rows = 0;
+    double bytes = 0;
+    if (std::regex_search(run.err, m, std::regex("([\\d,]+) rows? \\("))) {
+      std::string digits = m[1];
+      std::erase(digits, ',');
+      rows = std::stoull(digits);
+    }
+    if (std::regex_search(run.err, m, std::regex("([\\d.]+) (B|KiB|MiB) read from the store"))) {
+      bytes = std::stod(m[1]) * (m[2] == "B" ? 1 : m[2] == "KiB" ? 1024 : 1048576);
+    }
+    return std::tuple(Lines(run.out), rows, bytes);
+  };
+  const int64_t middle = events_[events_.size() / 2]["date_time"].get<int64_t>();
+  const int64_t hour = middle / kHourMs * kHourMs;
+  char iso[32];
+  const std::time_t at = static_cast<std::time_t>(hour / 1000);
+  std::strftime(iso, sizeof(iso), "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&at));
+  const std::string forms[] = {
+      std::to_string(hour),
+      std::string("ts('") + iso + "')",
+      std::string("CAST(strftime('%s', '") + std::string(iso).substr(0, 19) + "') AS INTEGER) * 1000",
+      "(SELECT " + std::to_string(hour) + " + 0 * count(*) FROM edr_enter_idle_mode)",
+  };
+  for (const std::string& from : forms) {
+    SCOPED_TRACE(from);
+    const std::string sql = "SELECT count(*), sum(pid) FROM edr_file_read WHERE date_time >= " +
+                            from + " AND date_time < " + from + " + " + std::to_string(kHourMs);
+    const auto [one_answer, one_received, one_bytes] = cost(sql, "1");
+    const auto [all_answer, all_received, all_bytes] = cost(sql, "3");
+    EXPECT_EQ(all_answer, one_answer);
+    EXPECT_LE(all_bytes, one_bytes * 1.2 + 4096) << one_bytes;
+    EXPECT_LE(all_received, one_received * 2 + 10) << one_received;
+  }
 }
 
 TEST_F(TarnSql, JoinsCountsAndGroupsAgreeWithTheEvents) {

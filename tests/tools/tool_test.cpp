@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <map>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -162,6 +163,26 @@ TEST_F(TarnTool, ExportFollowsTimeAndFiltersByTableAndRange) {
 
 // One realistic row of every table, then every table at the edges of every
 // column kind: import, export, and the lines come back byte for byte.
+TEST_F(TarnTool, ExportToKeepsTheEventsOfItsLastSecondInAnyOrder) {
+  // Three events of one second, not in millisecond order, then a later one.
+  const int64_t second = (NowMs() - 3'600'000) / 1000 * 1000;
+  auto line = [](int64_t ms, const char* ssid) {
+    return "{\"table\":\"edr_lan_connect\",\"date_time\":" + std::to_string(ms) +
+           ",\"ssid\":\"" + ssid + "\"}";
+  };
+  const std::string file = WriteLines("ms.jsonl", {line(second + 900, "a"), line(second + 100, "b"),
+                                                   line(second + 400, "c"),
+                                                   line(second + 1'500, "d")});
+  ASSERT_EQ(Run({"ingest", "--store", Store(), "--from", file}).status, 0);
+  const std::time_t at = static_cast<std::time_t>(second / 1000);
+  char to[40];
+  std::strftime(to, sizeof(to), "%Y-%m-%dT%H:%M:%S.500Z", std::gmtime(&at));
+  std::vector<std::string> got = Export(Store(), {"--to", to});
+  ASSERT_EQ(got.size(), 2u) << to;
+  EXPECT_NE(got[0].find("\"b\""), std::string::npos) << got[0];
+  EXPECT_NE(got[1].find("\"c\""), std::string::npos) << got[1];
+}
+
 TEST_F(TarnTool, ImportThenExportRoundTripsEveryTable) {
   std::vector<std::string> lines;
   {

@@ -45,8 +45,8 @@ uint32_t LoadUInt32(const char* p) {
   return uint32_t{b[0]} | uint32_t{b[1]} << 8 | uint32_t{b[2]} << 16 | uint32_t{b[3]} << 24;
 }
 
-bool SawQueryRecord(uint32_t first, uint32_t last) {
-  for (const Keel::Log::Record& r : HostLog::Problems()) {
+bool SawQueryRecord(const QueryAnswer& answer, uint32_t first, uint32_t last) {
+  for (const Keel::Log::Record& r : answer.problems) {
     if (r.component == Keel::Log::StorageQuery && r.message >= first && r.message <= last) {
       return true;
     }
@@ -145,14 +145,11 @@ bool QueryClient::Ask(const QueryRequest& request, QueryAnswer& answer, std::str
   hx::MessageBus::Msg message;
   Events::ExternalData data(&message);
   Events::Objects::Base event = builder.Event();
-  HostLog::Clear();
   HostLog::BeginThreadCapture();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    last_had_token_ = request.token != QueryRequest::kNoToken;
-  }
   answer = QueryAnswer();
   answer.handled = host_.module()->HandleEvent(&event, &data);
+  answer.problems = HostLog::ThreadCapture();
+  answer.asked_with_token = request.token != QueryRequest::kNoToken;
   std::optional<std::string_view> events = message.GetField("events");
   if (!events) {
     error = "the storage module sent no answer to the query on " + request.table +
@@ -216,7 +213,8 @@ QueryStats QueryClient::stats() const {
   return stats_;
 }
 
-std::string QueryClient::Explain(uint32_t status) const {
+std::string QueryClient::Explain(const QueryAnswer& answer) const {
+  const uint32_t status = answer.status;
   switch (status) {
     case 1:
       return "more than " + FormatCount(row_limit_) +
@@ -238,15 +236,14 @@ std::string QueryClient::Explain(uint32_t status) const {
              "does not take (status 4): give date_time bounds with =, <, <=, > or >= in "
              "milliseconds since 1970 that leave some time between them";
     case 5:
-      if (SawQueryRecord(kConstraintsRefusedFirst, kConstraintsRefusedLast)) {
+      if (SawQueryRecord(answer, kConstraintsRefusedFirst, kConstraintsRefusedLast)) {
         return "the store could not parse the constraints (status 5): they must be a JSON "
                "object {\"column\": {\"affinity\": \"text\", \"list\": [{\"op\": 2, \"expr\": "
                "\"value\"}]}} with operators 1, 2, 4, 8, 16, 32, 64, 65, 66 or 67 and values "
                "that parse for their affinity";
       }
-      if (SawQueryRecord(kScanNoBlockVersion, kScanNoEvent)) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return last_had_token_
+      if (SawQueryRecord(answer, kScanNoBlockVersion, kScanNoEvent)) {
+        return answer.asked_with_token
                    ? "the store could not read the event the token names (status 5): send the "
                      "token of an answer to this same query, or run `tarn verify` if it was"
                    : "the store could not read a block the query needs (status 5): run `tarn "

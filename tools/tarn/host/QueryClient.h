@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Keel/Log.h"
 #include "tarn/host/ModuleHost.h"
 
 namespace google::protobuf {
@@ -57,6 +58,10 @@ struct QueryAnswer {
   // Each row's store position, when the request asked for them
   // (QueryRequest::with_positions): what names the event.
   std::vector<uint64_t> positions;
+  // What the store logged while it answered (warnings and worse), and
+  // whether the request named a token: what Explain reads.
+  std::vector<Keel::Log::Record> problems;
+  bool asked_with_token = false;
 
   // The rows are usable: all of them (0), or the first part (8, a token).
   bool HasRows() const { return status == kComplete || (status == kPartial && has_token); }
@@ -98,9 +103,10 @@ class QueryClient {
   std::set<uint64_t> UnreadableBlocks() const;
   void NoteUnreadableBlock(uint64_t block);
 
-  // What a status other than 0 and 8 means and what to do about it, in
-  // words for the person who asked.
-  std::string Explain(uint32_t status) const;
+  // What the status of an answer other than 0 and 8 means and what to do
+  // about it, in words for the person who asked: read from the answer's own
+  // log records, whatever other threads asked meanwhile.
+  std::string Explain(const QueryAnswer& answer) const;
 
   QueryStats stats() const;
 
@@ -112,7 +118,6 @@ class QueryClient {
   // Ask runs on several threads at once (the module answers queries
   // concurrently); this mutex guards what they share, and nothing else.
   mutable std::mutex mutex_;
-  bool last_had_token_ = false;
   QueryStats stats_;
   std::set<uint64_t> unreadable_blocks_;
 };

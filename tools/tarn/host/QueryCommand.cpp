@@ -143,7 +143,7 @@ int RunQuery(const QueryOptions& options) {
     if (answer.HasRows()) {
       PrintRows(options.table, answer, options.columns);
     } else {
-      error = client.Explain(answer.status);
+      error = client.Explain(answer);
       ok = false;
     }
   }

@@ -23,7 +23,6 @@
 #include "osquery/ResponseBuffer.h"
 #include "osquery/Tables.h"
 #include "osquery/TimeRange.h"
-#include "tarn/host/HostLog.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -103,14 +102,14 @@ bool Readable(IEventStorage& storage, uint64_t key) {
 }
 
 std::optional<Culprit> FindCulprit(IEventStorage& storage, const std::vector<BlockSpan>& blocks,
-                                   const QueryRequest& request) {
+                                   const QueryRequest& request, const QueryAnswer& answer) {
   auto at = [&blocks](uint64_t key) -> std::optional<size_t> {
     for (size_t i = 0; i < blocks.size(); ++i) {
       if (blocks[i].key == key) return i;
     }
     return std::nullopt;
   };
-  for (const Keel::Log::Record& r : HostLog::ThreadCapture()) {
+  for (const Keel::Log::Record& r : answer.problems) {
     if (r.component != Keel::Log::StorageQuery || r.message != kScanBlockUnavailable) continue;
     if (std::optional<size_t> i = at(RawIterator(r.values[0]).AsKey())) {
       return Culprit{*i, Edge::kInside};
@@ -229,7 +228,7 @@ bool ReadAround(QueryClient& client, IEventStorage& storage, const std::string& 
     ~Nested() { --depth; }
   } nested;
   const std::vector<BlockSpan> blocks = IndexedBlocks(store);
-  const std::optional<Culprit> culprit = FindCulprit(storage, blocks, request);
+  const std::optional<Culprit> culprit = FindCulprit(storage, blocks, request, answer);
   if (!culprit) return true;  // not a block: the status stands
   const BlockSpan& block = blocks[culprit->block];
   client.NoteUnreadableBlock(block.key);

@@ -119,7 +119,15 @@ bool Walk(IEventStorage& storage, const Range& range, const std::set<uint32_t>& 
     }
     Events::Objects::Base event = holder.Event();
     const int64_t time_ms = static_cast<int64_t>(event.Header().TimeStampMs());
-    if (range.has_to && time_ms > range.to_ms) break;  // the store is in time order
+    // The store is in order of the seconds it recorded, not of the events'
+    // own milliseconds: the walk ends past the range's last recorded second,
+    // and an event of its own time outside the range is passed over.
+    Keel::OS::DateTime recorded;
+    if (range.has_to && storage.GetTime(position, recorded) &&
+        recorded.ToSecondsSinceEpoch() > range.to_ms / 1000) {
+      break;
+    }
+    if (range.has_to && time_ms > range.to_ms) continue;
     if (range.has_from && time_ms < range.from_ms) continue;
     if (!tables.empty() && tables.count(event.TypeId()) == 0) continue;
     const google::protobuf::Message* row = Storage::OSQuery::ConvertEvent(&arena, event, every);

@@ -165,11 +165,13 @@ void ResultPrinter::End() {
   std::fflush(out_);
 }
 
-void ResultPrinter::Abandon() {
+size_t ResultPrinter::Abandon() {
+  const size_t written = format_ == ResultFormat::kTable ? 0 : rows_;
   table_.clear();
-  if (format_ == ResultFormat::kJson) std::fputs(rows_ == 0 ? "]\n" : "\n]\n", out_);
+  if (format_ == ResultFormat::kJson) std::fputs("\n", out_);
   ++results_;
   std::fflush(out_);
+  return written;
 }
 
 void ResultPrinter::WriteTable() {

@@ -32,9 +32,11 @@ class ResultPrinter {
   // Ends the statement's result; a table is written only now, once every
   // row is known.
   void End();
-  // Ends a result that failed part way: a table shows nothing of it, JSON
-  // stays well formed.
-  void Abandon();
+  // Ends a result that failed part way, returning the rows written of it: a
+  // table shows nothing of it, CSV keeps the rows written, and JSON is left
+  // without its closing "]", so that no reader takes a failed answer for a
+  // whole one.
+  size_t Abandon();
 
   // How one cell reads in text (for table and csv).
   static std::string Text(const SqlValue& value);

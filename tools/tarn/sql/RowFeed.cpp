@@ -53,7 +53,7 @@ class Streamed : public RowFeed {
       pages_.assign(1, QueryAnswer());
       if (!client_.AskAround(request_, pages_.back(), error)) return false;
       if (!pages_.back().HasRows()) {
-        error = request_.table + ": " + client_.Explain(pages_.back().status);
+        error = request_.table + ": " + client_.Explain(pages_.back());
         return false;
       }
       rows_.Reset(&pages_);
@@ -81,6 +81,12 @@ class Sliced : public RowFeed {
         streamed_.reset();
       }
       if (rows_.Next(row)) return true;
+      if (part_ != nullptr && !part_->rest.table.empty()) {
+        // The pages a worker left when the rows held reached the budget.
+        streamed_ = StreamedRows(client_, part_->rest);
+        part_.reset();
+        continue;
+      }
       part_.reset();
       if (next_slice_ >= sliced_->SliceCount()) return false;
       std::shared_ptr<SlicePart> part = sliced_->Take(scan_, next_slice_++);

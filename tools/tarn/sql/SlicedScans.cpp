@@ -145,18 +145,25 @@ void SlicedScans::Fetch(SlicePart& part) {
       return;
     }
     if (!answer.HasRows()) {
-      part.error = client_.Explain(answer.status);
+      part.error = client_.Explain(answer);
       return;
     }
     const bool more = answer.status == QueryAnswer::kPartial;
     request.token = answer.next_token;
     request.page = answer.next_page;
-    part.bytes += answer.events.size();
+    const uint64_t bytes = answer.events.size();
     part.answers.push_back(std::move(answer));
-    if (!more) return;
     std::lock_guard<std::mutex> lock(mutex_);
+    // Counted page by page: no slice passes the budget unseen.
+    part.bytes += bytes;
+    held_bytes_ += bytes;
+    if (!more) return;
     if (stop_) {
       part.error = "stopped";
+      return;
+    }
+    if (held_bytes_ >= kBudget) {
+      part.rest = request;  // the reader streams the pages left
       return;
     }
   }
@@ -168,7 +175,6 @@ void SlicedScans::Run(std::unique_lock<std::mutex>& lock, SlicePart& part) {
   Fetch(part);
   lock.lock();
   part.state = part.error.empty() ? SlicePart::State::kDone : SlicePart::State::kFailed;
-  held_bytes_ += part.bytes;
   changed_.notify_all();
 }
 
@@ -229,10 +235,26 @@ std::shared_ptr<KeptScan> SlicedScans::Whole(size_t scan, std::string& error) {
     }
   }
   auto whole = std::make_shared<KeptScan>();
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (size_t slice = 0; slice < slices_.size(); ++slice) {
-    const std::shared_ptr<SlicePart> part = HandOver(slice, scan);
+  std::vector<std::shared_ptr<SlicePart>> parts;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (size_t slice = 0; slice < slices_.size(); ++slice) parts.push_back(HandOver(slice, scan));
+  }
+  for (const std::shared_ptr<SlicePart>& part : parts) {
     for (QueryAnswer& answer : part->answers) whole->Add(std::move(answer));
+    // The pages a worker left when the rows held reached the budget.
+    for (QueryRequest rest = part->rest; !rest.table.empty();) {
+      QueryAnswer answer;
+      if (!client_.AskAround(rest, answer, error)) return nullptr;
+      if (!answer.HasRows()) {
+        error = client_.Explain(answer);
+        return nullptr;
+      }
+      rest.table = answer.status == QueryAnswer::kPartial ? rest.table : std::string();
+      rest.token = answer.next_token;
+      rest.page = answer.next_page;
+      whole->Add(std::move(answer));
+    }
   }
   return whole;
 }

@@ -55,6 +55,9 @@ struct SlicePart {
   State state = State::kWaiting;
   QueryRequest request;              // the slice's query, first page
   std::vector<QueryAnswer> answers;  // every page of it, once done
+  // When the rows held reached the budget before the slice's last page:
+  // the query of the pages left (its token), for the reader to stream.
+  QueryRequest rest;
   std::string error;                 // once failed
   uint64_t bytes = 0;
 };

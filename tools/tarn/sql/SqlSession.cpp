@@ -68,7 +68,11 @@ bool RunStatement(sqlite3* db, sqlite3_stmt* statement, ResultPrinter& printer,
   }
   if (rc != SQLITE_DONE) {
     error = sqlite3_errmsg(db);
-    if (columns > 0) printer.Abandon();
+    if (columns > 0) {
+      const size_t written = printer.Abandon();
+      error += " (the statement failed after " + std::to_string(written) +
+               (written == 1 ? " row was" : " rows were") + " written)";
+    }
     return false;
   }
   if (columns > 0) printer.End();
@@ -122,7 +126,7 @@ bool SqlSession::Run(std::string_view sql, ResultPrinter& printer, std::string& 
     error = "the store is not open";
     return false;
   }
-  const std::string text = SignedIdLiterals(sql);
+  const std::string text = TimeLiterals(SignedIdLiterals(sql));
   const char* rest = text.c_str();
   while (*rest != '\0') {
     sqlite3_stmt* statement = nullptr;

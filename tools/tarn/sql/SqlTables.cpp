@@ -133,7 +133,12 @@ int BestIndex(sqlite3_vtab* vtab, sqlite3_index_info* info) {
   std::vector<SqlConstraint> known;
   const ScanPlan plan = PlanScan(*table.table, info, known);
   Estimate(plan, info);
-  RecordPlannedScan(table, plan.used, std::move(known));
+  // A time bound known only as the statement runs (a subquery, strftime)
+  // leaves the scan's time unknown now: run ahead, it would read the whole
+  // table. Such a scan is read when it is asked for, as on one thread.
+  const bool time_unknown = std::any_of(plan.terms.begin(), plan.terms.end(),
+                                        [](const PlanTerm& t) { return t.column == 0 && !t.constant; });
+  if (!time_unknown) RecordPlannedScan(table, plan.used, std::move(known));
   info->idxStr = sqlite3_mprintf("%s", plan.Encode().c_str());
   info->needToFreeIdxStr = 1;
   return info->idxStr != nullptr ? SQLITE_OK : SQLITE_NOMEM;
@@ -174,7 +179,7 @@ std::shared_ptr<KeptScan> KeepScan(StoreTable& table, QueryRequest request, bool
       return nullptr;
     }
     if (!answer.HasRows()) {
-      table.SetError(table.table->name + std::string(": ") + session.client.Explain(answer.status));
+      table.SetError(table.table->name + std::string(": ") + session.client.Explain(answer));
       return nullptr;
     }
     const bool more = answer.status == QueryAnswer::kPartial;
@@ -321,8 +326,13 @@ int Filter(sqlite3_vtab_cursor* cursor, int, const char* plan_text, int argc,
         table.SetError(table.table->name + std::string(": ") + error);
         return SQLITE_ERROR;
       }
+      // Kept within the same budget as a scan kept page by page.
+      if (scan != nullptr && session.stats.kept_bytes + scan->Bytes() > ScanSession::kBudget) {
+        scan.reset();
+        fits = false;
+      }
     }
-    if (scan == nullptr) {
+    if (scan == nullptr && fits) {
       QueryRequest request;
       request.table = table.table->name;
       request.columns = columns;
