@@ -389,7 +389,8 @@ TEST_F(TarnSql, AnHourCostsAsMuchOnEveryCoreWhateverFormItsBoundsTake) {
   const std::string forms[] = {
       std::to_string(hour),
       std::string("ts('") + iso + "')",
-      std::string("CAST(strftime('%s', '") + std::string(iso).substr(0, 19) + "') AS INTEGER) * 1000",
+      std::string("CAST(strftime('%s', '") + std::string(iso).substr(0, 19) +
+          "') AS INTEGER) * 1000",
       "(SELECT " + std::to_string(hour) + " + 0 * count(*) FROM edr_enter_idle_mode)",
   };
   for (const std::string& from : forms) {
@@ -608,7 +609,7 @@ TEST_F(TarnSql, StatusesBecomeAdviceAndPagesAreFollowed) {
     EXPECT_NE(run.err.find(c.says), std::string::npos) << run.err;
   }
   ToolRun limit = Run({"sql", "--store", Store(), "--row-limit", "5", "SELECT 1"});
-  EXPECT_EQ(limit.status, 1);
+  EXPECT_EQ(limit.status, 2);  // a usage error
   EXPECT_NE(limit.err.find("--row-limit must lie between 1,000 and 49,999,999"), std::string::npos)
       << limit.err;
   ToolRun bad = Run({"sql", "--store", Store(), "SELECT no_such_column FROM edr_process_create"});

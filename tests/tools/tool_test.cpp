@@ -12,6 +12,7 @@
 #include <map>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "Keel/OS/FaultInjection.h"
 #include "Tarn/Events/Base.h"
@@ -116,7 +117,7 @@ TEST_F(TarnTool, SyntheticIngestThenInfoAndVerify) {
             std::string::npos)
       << limited.out;
   ToolRun extra = Run({"info", "--store", Store(), "--bogus", "1"});
-  EXPECT_EQ(extra.status, 1);
+  EXPECT_EQ(extra.status, 2);
   EXPECT_NE(extra.err.find("unexpected arguments --bogus 1 (see tarn info --help)"),
             std::string::npos)
       << extra.err;
@@ -157,7 +158,7 @@ TEST_F(TarnTool, ExportFollowsTimeAndFiltersByTableAndRange) {
   }
   EXPECT_EQ(range, wanted);
   ToolRun unknown = Run({"export", "--store", Store(), "--table", "edr_nothing"});
-  EXPECT_EQ(unknown.status, 1);
+  EXPECT_EQ(unknown.status, 2);
   EXPECT_NE(unknown.err.find("unknown table \"edr_nothing\""), std::string::npos);
 }
 
@@ -582,6 +583,30 @@ TEST_F(TarnTool, ASecondSyntheticIngestStartsAfterWhatTheStoreHolds) {
   EXPECT_TRUE(Export(Store(), {"--from", "2026-01-12"}).empty());
 }
 
+TEST_F(TarnTool, OneOfAnythingIsCountedInTheSingular) {
+  // A store of one event: every summary a command prints counts ones.
+  const std::string file = WriteLines(
+      "one.jsonl", {R"({"table":"edr_process_create","date_time":1768003200000,"pid":7})",
+                    R"({"table":"edr_nothing"})"});
+  std::string said;
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"ingest", "--store", Store(), "--from", file},
+           {"info", "--store", Store()},
+           {"verify", "--store", Store()},
+           {"recover", "--store", Store()},
+           {"dump-index", "--store", Store(), "-o", dir_.File("index.json")},
+           {"export", "--store", Store(), "-o", dir_.File("out.jsonl")},
+           {"sql", "--store", Store(), "--stats", "SELECT pid FROM edr_process_create"}}) {
+    ToolRun run = Run(args);
+    said += run.out + run.err;
+  }
+  EXPECT_NE(said.find("stored 1 event "), std::string::npos) << said;
+  const std::regex plural_of_one(
+      R"(\b1 (events|blocks|days|day files|lines|rows|faults|warnings|queries|answers|tables)\b)");
+  std::smatch found;
+  EXPECT_FALSE(std::regex_search(said, found, plural_of_one)) << found.str() << " in\n" << said;
+}
+
 TEST_F(TarnTool, AMissingOrForeignModuleIsNamed) {
   auto run_with = [this](const std::string& module) {
     return Tool::Wait(Tool::Start({"ingest", "--store", Store(), "--synthetic", "--events", "5"},
@@ -609,15 +634,28 @@ TEST_F(TarnTool, TheDemoFillsAStoreThatStaysWhenNamed) {
 }
 
 TEST_F(TarnTool, UsageErrorsSayWhatIsExpected) {
-  ToolRun neither = Run({"ingest", "--store", Store()});
-  EXPECT_EQ(neither.status, 1);
-  EXPECT_NE(neither.err.find("either --synthetic or --from"), std::string::npos);
-  ToolRun small = Run({"ingest", "--store", Store(), "--synthetic", "--block-size", "1K"});
-  EXPECT_EQ(small.status, 1);
-  EXPECT_NE(small.err.find("--block-size must be at least"), std::string::npos) << small.err;
-  ToolRun future = Run({"ingest", "--store", Store(), "--synthetic", "--end", "2999-01-01"});
-  EXPECT_EQ(future.status, 1);
-  EXPECT_NE(future.err.find("lies in the future"), std::string::npos) << future.err;
+  // What tarn does not take exits 2, as command-line tools do; a command
+  // that ran into a fault exits 1.
+  struct Case {
+    std::vector<std::string> args;
+    const char* says;
+  };
+  const std::vector<Case> usage = {
+      {{"nosuch"}, "\"nosuch\" is no command of tarn's"},
+      {{"info"}, "--store is required"},
+      {{"info", "--store", Store(), "--bogus"}, "--bogus"},
+      {{"ingest", "--store", Store()}, "either --synthetic or --from"},
+      {{"ingest", "--store", Store(), "--synthetic", "--block-size", "1K"},
+       "--block-size must be at least"},
+      {{"ingest", "--store", Store(), "--synthetic", "--end", "2999-01-01"}, "lies in the future"},
+      {{"sql", "--store", Store(), "--format", "xml", "SELECT 1"}, "--format takes"},
+  };
+  for (const Case& c : usage) {
+    ToolRun run = Run(c.args);
+    EXPECT_EQ(run.status, 2) << c.args[0];
+    EXPECT_NE(run.err.find(c.says), std::string::npos) << run.err;
+  }
+  EXPECT_EQ(Run({"--help"}).status, 0);
   ToolRun none = Run({"info", "--store", Store("nothing-here")});
   EXPECT_EQ(none.status, 1);
   EXPECT_NE(none.err.find("there is no store"), std::string::npos);

@@ -3,7 +3,8 @@
 // One subcommand of tarn. Each command adds itself and its own options to
 // the parser, and once the parser has chosen it, checks what was typed and
 // runs. Its exit status: 0 done, 1 the command ran into a fault (bad input,
-// a damaged store, a store in use).
+// a damaged store, a store in use), kUsageError what was typed is not a
+// command of tarn's (an unknown option, a value an option does not take).
 
 #include <memory>
 #include <string>
@@ -14,6 +15,10 @@ class App;
 }
 
 namespace Tarn::Tool {
+
+// The exit status of a command line tarn does not take, as command-line
+// tools have it.
+constexpr int kUsageError = 2;
 
 class Command {
  public:

@@ -31,7 +31,20 @@ int ReportExtras(CLI::App& app, int argc, char** argv) {
   const bool one = names.find(' ') == std::string::npos;
   PrintError(std::string("unexpected ") + (one ? "argument " : "arguments ") + names +
              " (see tarn" + command + " --help)");
-  return 1;
+  return kUsageError;
+}
+
+// The first argument that is no option, when it names no command.
+std::string UnknownCommand(const CLI::App& app, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word.empty() || word[0] == '-') continue;
+    for (const CLI::App* command : app.get_subcommands({})) {
+      if (command->get_name() == word) return std::string();
+    }
+    return word;
+  }
+  return std::string();
 }
 
 }  // namespace
@@ -58,9 +71,18 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ExtrasError&) {
+    if (const std::string word = UnknownCommand(app, argc, argv); !word.empty()) {
+      PrintError("\"" + word + "\" is no command of tarn's (tarn --help lists them)");
+      return kUsageError;
+    }
     return ReportExtras(app, argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    if (const std::string word = UnknownCommand(app, argc, argv); !word.empty()) {
+      PrintError("\"" + word + "\" is no command of tarn's (tarn --help lists them)");
+      return kUsageError;
+    }
+    // Help asked for is no error; anything else the parser refused is.
+    return app.exit(e) == 0 ? 0 : kUsageError;
   }
 
   HostLog::Install(verbose);

@@ -102,7 +102,7 @@ void PrintRows(const std::string& table, const QueryAnswer& answer, const std::s
 int RunQuery(const QueryOptions& options) {
   if (Storage::OSQuery::TableIdByName(options.table) == 0) {
     PrintError("unknown table \"" + options.table + "\"");
-    return 1;
+    return kUsageError;
   }
   QueryRequest request;
   request.table = options.table;
@@ -113,7 +113,7 @@ int RunQuery(const QueryOptions& options) {
   if (!options.token.empty() && !ParseToken(options.token, request.token)) {
     PrintError("--token takes the hexadecimal position an answer gave, not \"" + options.token +
                "\"");
-    return 1;
+    return kUsageError;
   }
   if (!std::filesystem::is_directory(options.host.store)) {
     PrintError("there is no store in " + options.host.store);
@@ -180,7 +180,8 @@ class QueryCommand : public Command {
   }
 
   int Run() override {
-    return ReadHostOptions(options_.host, limits_, options_.limits) ? RunQuery(options_) : 1;
+    return ReadHostOptions(options_.host, limits_, options_.limits) ? RunQuery(options_)
+                                                                    : kUsageError;
   }
 
  private:

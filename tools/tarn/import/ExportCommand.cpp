@@ -154,7 +154,7 @@ int RunExport(const ExportOptions& options) {
   std::string error;
   if (!ReadRange(options, range, error) || !ReadTables(options, tables, error)) {
     PrintError(error);
-    return 1;
+    return kUsageError;
   }
   if (!std::filesystem::is_directory(options.host.store)) {
     PrintError("there is no store in " + options.host.store);
@@ -192,15 +192,15 @@ int RunExport(const ExportOptions& options) {
                Counted(events, "event") + " left out");
   }
   if (counts.unreadable != 0) {
-    PrintError(FormatCount(counts.unreadable) +
-               " events could not be read (their blocks are damaged; `tarn verify` tells more)");
+    PrintError(Counted(counts.unreadable, "event") +
+               " could not be read (their blocks are damaged; `tarn verify` tells more)");
   }
   if (counts.untabled != 0) {
-    std::fprintf(stderr, "tarn: %s events of types without a table were left out\n",
-                 FormatCount(counts.untabled).c_str());
+    std::fprintf(stderr, "tarn: %s of types without a table left out\n",
+                 Counted(counts.untabled, "event").c_str());
   }
   if (!to_stdout || isatty(STDERR_FILENO) == 1) {
-    std::fprintf(stderr, "exported %s events%s%s\n", FormatCount(counts.written).c_str(),
+    std::fprintf(stderr, "exported %s%s%s\n", Counted(counts.written, "event").c_str(),
                  to_stdout ? "" : " to ", to_stdout ? "" : options.out.c_str());
   }
   return written && closed && counts.unreadable == 0 ? 0 : 1;
@@ -225,7 +225,7 @@ class ExportCommand : public Command {
 
   int Run() override {
     options_.host.limits.widest_by_default = true;
-    return ReadHostOptions(options_.host, limits_) ? RunExport(options_) : 1;
+    return ReadHostOptions(options_.host, limits_) ? RunExport(options_) : kUsageError;
   }
 
  private:

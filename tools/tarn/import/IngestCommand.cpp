@@ -49,7 +49,7 @@ bool Finish(ModuleHost& host, bool telemetry, std::string& error) {
 
 void PrintSummary(const std::string& store, const IngestResult& result) {
   std::printf(
-      "stored %s events (%s of records) in %s: %s events/s\n", FormatCount(result.stored).c_str(),
+      "stored %s (%s of records) in %s: %s events/s\n", Counted(result.stored, "event").c_str(),
       FormatBytes(result.record_bytes).c_str(), FormatSeconds(result.seconds).c_str(),
       FormatCount(result.seconds > 0
                       ? static_cast<uint64_t>(static_cast<double>(result.stored) / result.seconds)
@@ -66,8 +66,8 @@ void PrintSummary(const std::string& store, const IngestResult& result) {
   StoreStats stats;
   std::string error;
   if (GatherStats(store, false, stats, error)) {
-    std::printf("the store now holds %s events in %s on disk",
-                FormatCount(stats.events + stats.pending_events).c_str(),
+    std::printf("the store now holds %s in %s on disk",
+                Counted(stats.events + stats.pending_events, "event").c_str(),
                 FormatBytes(stats.listing.total_size).c_str());
     if (stats.raw_bytes != 0) std::printf(" (compression ratio %.3f)", stats.Ratio());
     std::printf("\n");
@@ -117,12 +117,15 @@ int IngestFile(const IngestOptions& options) {
   bool closed = Finish(host, options.telemetry, error);
   if (!closed) PrintError(error);
   if (!outcome.complete && !options.skip_bad) {
-    std::fprintf(stderr,
-                 "tarn: import stopped at the line above; the %s events before it are stored\n",
-                 FormatCount(feed.Stored()).c_str());
+    const uint64_t kept = feed.Stored();
+    const std::string before =
+        kept == 0   ? "nothing before it was stored"
+        : kept == 1 ? "the event before it is stored"
+                    : "the " + Counted(kept, "event") + " before it are stored";
+    std::fprintf(stderr, "tarn: import stopped at the line above; %s\n", before.c_str());
   } else if (outcome.refused != 0) {
-    std::fprintf(stderr, "tarn: %s lines refused, %s events stored\n",
-                 FormatCount(outcome.refused).c_str(), FormatCount(feed.Stored()).c_str());
+    std::fprintf(stderr, "tarn: %s refused, %s stored\n", Counted(outcome.refused, "line").c_str(),
+                 Counted(feed.Stored(), "event").c_str());
   }
   PrintSummary(options.host.store, result);
   std::fputs(outcome.summary.c_str(), stdout);
@@ -131,9 +134,14 @@ int IngestFile(const IngestOptions& options) {
 
 }  // namespace
 
-bool IngestSynthetic(const IngestOptions& options, IngestResult& result, std::string& error) {
-  int64_t now = RealNowMs();
-  int64_t end = now;
+namespace {
+
+// The span of time synthetic events fill, from --end and --days; false,
+// with `error`, when the options do not make one.
+bool SyntheticSpan(const IngestOptions& options, int64_t& start, int64_t& end,
+                   std::string& error) {
+  const int64_t now = RealNowMs();
+  end = now;
   if (!options.end.empty()) {
     if (!ParseTime(options.end, true, end)) {
       error = "--end takes a date or time such as 2026-11-21 or 2026-11-21T08:00:00Z, not \"" +
@@ -150,7 +158,16 @@ bool IngestSynthetic(const IngestOptions& options, IngestResult& result, std::st
     error = "--days and --events must be at least 1";
     return false;
   }
-  int64_t start = end - int64_t{options.days} * kDayMs;
+  start = end - int64_t{options.days} * kDayMs;
+  return true;
+}
+
+}  // namespace
+
+bool IngestSynthetic(const IngestOptions& options, IngestResult& result, std::string& error) {
+  int64_t start = 0;
+  int64_t end = 0;
+  if (!SyntheticSpan(options, start, end, error)) return false;
   ModuleHost host;
   if (!host.Open(options.host, error)) return false;
   const int64_t newest = host.NewestStoredAtOpen();
@@ -197,11 +214,17 @@ namespace {
 int RunIngest(const IngestOptions& options) {
   if (options.synthetic == !options.from.empty()) {
     PrintError("ingest takes either --synthetic or --from FILE");
-    return 1;
+    return kUsageError;
   }
   if (!options.from.empty()) return IngestFile(options);
   IngestResult result;
   std::string error;
+  int64_t start = 0;
+  int64_t end = 0;
+  if (!SyntheticSpan(options, start, end, error)) {
+    PrintError(error);
+    return kUsageError;
+  }
   if (!IngestSynthetic(options, result, error)) {
     PrintError(error);
     return 1;
@@ -253,7 +276,9 @@ class IngestCommand : public Command {
     return command;
   }
 
-  int Run() override { return ReadHostOptions(options_.host, limits_) ? RunIngest(options_) : 1; }
+  int Run() override {
+    return ReadHostOptions(options_.host, limits_) ? RunIngest(options_) : kUsageError;
+  }
 
  private:
   IngestOptions options_;

@@ -10,6 +10,7 @@
 #include "Keel/Utils/TreeContainer.h"
 #include "tarn/cli/Command.h"
 #include "tarn/cli/CommonOptions.h"
+#include "tarn/cli/TextForms.h"
 #include "tarn/offline/StoreFiles.h"
 
 namespace Tarn::Tool {
@@ -64,9 +65,8 @@ int RunDumpIndex(const DumpIndexOptions& options) {
     PrintError("cannot write " + path);
     return 1;
   }
-  std::printf("wrote %s (%llu days, %llu blocks)\n", path.c_str(),
-              static_cast<unsigned long long>(index.tree().GetCount()),
-              static_cast<unsigned long long>(IndexedBlocks(index)));
+  std::printf("wrote %s (%s, %s)\n", path.c_str(), Counted(index.tree().GetCount(), "day").c_str(),
+              Counted(IndexedBlocks(index), "block").c_str());
   return 0;
 }
 

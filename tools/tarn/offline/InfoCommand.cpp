@@ -141,7 +141,7 @@ class InfoCommand : public Command {
     std::string error;
     if (!ReadMaxSize(max_size_, options_.max_size, error)) {
       PrintError(error);
-      return 1;
+      return kUsageError;
     }
     return RunInfo(options_);
   }

@@ -337,9 +337,10 @@ int RunRecover(const std::string& store) {
       std::printf("removed  %s: the rebuilt index covers its days\n", aside.name.c_str());
     }
   }
-  std::printf("%s storage.index.db: %s days, %s blocks, %s events from %zu day files\n",
-              listing.has_index ? "rebuilt" : "wrote", FormatCount(index.tree().GetCount()).c_str(),
-              FormatCount(totals.blocks).c_str(), FormatCount(totals.events).c_str(), files.size());
+  std::printf("%s storage.index.db: %s, %s, %s from %s\n", listing.has_index ? "rebuilt" : "wrote",
+              Counted(index.tree().GetCount(), "day").c_str(),
+              Counted(totals.blocks, "block").c_str(), Counted(totals.events, "event").c_str(),
+              Counted(files.size(), "day file").c_str());
   if (totals.lost_blocks != 0) {
     PrintError(Counted(totals.lost_blocks, "damaged block") + " could not be indexed");
   }

@@ -143,7 +143,7 @@ std::string FormatStats(const std::string& directory, const StoreStats& s, size_
   };
   add("store", directory);
   add("on disk", FormatBytes(s.listing.total_size) + " (" +
-                     std::to_string(s.listing.day_files.size()) + " day files, index " +
+                     Counted(s.listing.day_files.size(), "day file") + ", index " +
                      (s.listing.has_index ? FormatBytes(s.listing.index_size) : "missing") + ")");
   if (s.index == IndexState::kMissing) add("index", "missing: `tarn recover` rebuilds it");
   if (s.index == IndexState::kUnusable) add("index", "unusable: `tarn recover` rebuilds it");
@@ -167,11 +167,11 @@ std::string FormatStats(const std::string& directory, const StoreStats& s, size_
   }
   if (s.blocks != 0) add("time window", FormatTime(s.first_ms) + " to " + FormatTime(s.last_ms));
   if (s.loose_files != 0) {
-    add("not indexed", std::to_string(s.loose_files) + " day files (" + FormatBytes(s.loose_bytes) +
+    add("not indexed", Counted(s.loose_files, "day file") + " (" + FormatBytes(s.loose_bytes) +
                            "): `tarn recover` indexes them");
   }
   if (s.unreadable_blocks != 0) {
-    add("unreadable", FormatCount(s.unreadable_blocks) + " blocks: run `tarn verify`");
+    add("unreadable", Counted(s.unreadable_blocks, "block") + ": run `tarn verify`");
   }
   for (const AsideEntry& aside : s.listing.aside) {
     add("set aside", aside.name + " (" + FormatBytes(aside.size) +
@@ -197,7 +197,7 @@ std::string FormatStats(const std::string& directory, const StoreStats& s, size_
     for (const auto& t : tables) total += t.second;
     size_t shown = top_tables == 0 ? tables.size() : std::min(top_tables, tables.size());
     std::snprintf(
-        line, sizeof(line), "\nevents by table (%zu tables%s)\n", tables.size(),
+        line, sizeof(line), "\nevents by table (%s%s)\n", Counted(tables.size(), "table").c_str(),
         shown < tables.size() ? (", the " + std::to_string(shown) + " largest").c_str() : "");
     out += line;
     for (size_t i = 0; i < shown; ++i) {

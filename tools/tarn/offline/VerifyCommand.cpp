@@ -104,13 +104,17 @@ int Verifier::Run() {
   CheckFinal();
   progress_->Finish();
   if (untabled_ != 0) {
-    Warn(FormatCount(untabled_) + " events are of types without a table (queries pass them by)");
+    Warn(Counted(untabled_, "event") +
+         (untabled_ == 1 ? " is of a type" : " are of types") +
+         " without a table (queries pass them by)");
   }
   if (out_of_order_ != 0) {
-    Warn(FormatCount(out_of_order_) + " events come before the second of the event ahead of them");
+    Warn(Counted(out_of_order_, "event") + (out_of_order_ == 1 ? " comes" : " come") +
+         " before the second of the event ahead of them");
   }
-  std::printf("checked %s blocks and %s events in %zu day files: %s%s\n",
-              FormatCount(blocks_).c_str(), FormatCount(events_).c_str(), listing_.day_files.size(),
+  std::printf("checked %s and %s in %s: %s%s\n", Counted(blocks_, "block").c_str(),
+              Counted(events_, "event").c_str(),
+              Counted(listing_.day_files.size(), "day file").c_str(),
               faults_ == 0 ? "no faults" : Counted(faults_, "fault").c_str(),
               warnings_ == 0 ? "" : (", " + Counted(warnings_, "warning")).c_str());
   return faults_ == 0 ? 0 : 1;

@@ -61,7 +61,7 @@ int RunSql(const SqlOptions& options) {
   ResultFormat format;
   if (!ParseResultFormat(options.format, format)) {
     PrintError("--format takes table, csv or json, not \"" + options.format + "\"");
-    return 1;
+    return kUsageError;
   }
   const bool shell = options.statements.empty() && isatty(STDIN_FILENO) == 1;
   std::vector<std::string> texts = options.statements;
@@ -73,7 +73,7 @@ int RunSql(const SqlOptions& options) {
   }
   if (!shell && std::all_of(texts.begin(), texts.end(), IsBlank)) {
     PrintError("no SQL to run: give a statement, or \"-\" to read them from standard input");
-    return 1;
+    return kUsageError;
   }
   if (!std::filesystem::is_directory(options.host.store)) {
     PrintError("there is no store in " + options.host.store);
@@ -149,7 +149,8 @@ class SqlCommand : public Command {
   }
 
   int Run() override {
-    return ReadHostOptions(options_.host, limits_, options_.limits) ? RunSql(options_) : 1;
+    return ReadHostOptions(options_.host, limits_, options_.limits) ? RunSql(options_)
+                                                                    : kUsageError;
   }
 
  private:
