@@ -198,7 +198,7 @@ TEST_F(TarnSqlInUse, TheShellEditsRunsStopsAndRemembers) {
       "SELECT count(*) FROM n;\r");
   ASSERT_TRUE(terminal.WaitFor("count(*)\r\n"));
   terminal.Type("\x03");
-  ASSERT_TRUE(terminal.WaitFor("tarn: interrupted (the statement failed after 0 rows were written)\r\n"));
+  ASSERT_TRUE(terminal.WaitFor("tarn: interrupted\r\n"));
   ASSERT_TRUE(terminal.Prompted("tarn> "));
   // Ctrl-C at a continuation prompt drops the statement being typed. (One
   // that comes after the prompt is drawn and before the wait for keys

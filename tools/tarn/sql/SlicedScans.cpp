@@ -225,10 +225,16 @@ std::shared_ptr<SlicePart> SlicedScans::Take(size_t scan, size_t slice) {
 std::shared_ptr<KeptScan> SlicedScans::Whole(size_t scan, std::string& error) {
   for (size_t slice = 0; slice < slices_.size(); ++slice) {
     std::unique_lock<std::mutex> lock(mutex_);
-    std::shared_ptr<SlicePart> part = parts_[slice][scan];
-    if (part->state == SlicePart::State::kTaken) return nullptr;
-    if (part->state == SlicePart::State::kWaiting) Run(lock, *part);  // no worker took it
-    changed_.wait(lock, [&part] { return part->state != SlicePart::State::kRunning; });
+    const std::shared_ptr<SlicePart>& held = parts_[slice][scan];
+    // As in Take: the workers reach the part with its slice's blocks in the
+    // cache, unless they wait for room, and then only this thread can run it.
+    changed_.wait(lock, [this, &held] {
+      return held->state != SlicePart::State::kRunning &&
+             (held->state != SlicePart::State::kWaiting || stop_ || held_bytes_ >= kBudget);
+    });
+    if (held->state == SlicePart::State::kTaken) return nullptr;
+    std::shared_ptr<SlicePart> part = held;
+    if (part->state == SlicePart::State::kWaiting) Run(lock, *part);
     if (part->state == SlicePart::State::kFailed) {
       error = part->error;
       return nullptr;

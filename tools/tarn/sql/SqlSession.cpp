@@ -1,5 +1,6 @@
 #include "tarn/sql/SqlSession.h"
 
+#include <sched.h>
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -68,8 +69,9 @@ bool RunStatement(sqlite3* db, sqlite3_stmt* statement, ResultPrinter& printer,
   }
   if (rc != SQLITE_DONE) {
     error = sqlite3_errmsg(db);
-    if (columns > 0) {
-      const size_t written = printer.Abandon();
+    // Rows already written are no whole answer: say so where there are any.
+    const size_t written = columns > 0 ? printer.Abandon() : 0;
+    if (written > 0) {
       error += " (the statement failed after " + std::to_string(written) +
                (written == 1 ? " row was" : " rows were") + " written)";
     }
@@ -81,7 +83,15 @@ bool RunStatement(sqlite3* db, sqlite3_stmt* statement, ResultPrinter& printer,
 
 }  // namespace
 
-unsigned DefaultScanThreads() { return std::max(1u, std::thread::hardware_concurrency()); }
+// The cores this process may run on: a process confined to some of the
+// machine's (taskset, a container's cpuset) gains nothing from more threads.
+unsigned DefaultScanThreads() {
+  cpu_set_t allowed;
+  if (sched_getaffinity(0, sizeof(allowed), &allowed) == 0) {
+    return static_cast<unsigned>(std::max(1, CPU_COUNT(&allowed)));
+  }
+  return std::max(1u, std::thread::hardware_concurrency());
+}
 
 uint64_t ProcessBytesRead() {
   std::ifstream io("/proc/self/io");
