@@ -3,46 +3,23 @@
 // into the host's message. Each case runs in a child process: closing the
 // module shuts protobuf down for the rest of the process.
 
-#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <functional>
 
 #include "Keel/OS/Time.h"
 #include "Tarn/Events/GenericEventHolder.h"
 #include "support/temp_dir.h"
+#include "tarn/cli/TextForms.h"
 #include "tarn/host/EventFeed.h"
 #include "tarn/host/ModuleHost.h"
 #include "tarn/import/RowJson.h"
-#include "tarn/cli/TextForms.h"
+#include "tools/isolated.h"
 
 namespace Tarn::Tool {
 namespace {
 
-void RunIsolated(const std::function<void()>& body) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        ::testing::TestPartResultArray results;
-        {
-          ::testing::ScopedFakeTestPartResultReporter reporter(
-              ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &results);
-          body();
-        }
-        int failures = 0;
-        for (int i = 0; i < results.size(); ++i) {
-          const ::testing::TestPartResult& r = results.GetTestPartResult(i);
-          if (!r.failed()) continue;
-          ++failures;
-          std::fprintf(stderr, "%s:%d: %s\n", r.file_name() ? r.file_name() : "?", r.line_number(),
-                       r.message());
-        }
-        std::fflush(stderr);
-        std::_Exit(failures == 0 ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
-}
+using tarn::test::RunIsolated;
 
 constexpr int64_t kDayMs = 86'400'000;
 
