@@ -8,7 +8,6 @@
 // the answers are decoded with protobuf.
 
 #include <dlfcn.h>
-#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -30,38 +29,10 @@
 #include "module/ConfigKeys.h"
 #include "osquery/row_model.h"
 #include "support/query_answer.h"
+#include "support/isolated.h"
 #include "support/store_fixture.h"
 
 namespace tarn::test {
-
-// Runs `body` in a fresh run of this test binary and fails unless it ends
-// without a failure. The child's failures are written to its stderr, which
-// the parent shows when the child fails.
-// TARN_TEST_IN_PROCESS=1 runs it in place instead, for a debugger.
-inline void RunIsolated(const std::function<void()>& body) {
-  if (std::getenv("TARN_TEST_IN_PROCESS") != nullptr) return body();
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        ::testing::TestPartResultArray results;
-        {
-          ::testing::ScopedFakeTestPartResultReporter reporter(
-              ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &results);
-          body();
-        }
-        int failures = 0;
-        for (int i = 0; i < results.size(); ++i) {
-          const ::testing::TestPartResult& r = results.GetTestPartResult(i);
-          if (!r.failed()) continue;
-          ++failures;
-          std::fprintf(stderr, "%s:%d: %s\n", r.file_name() ? r.file_name() : "?",
-                       r.line_number(), r.message());
-        }
-        std::fflush(stderr);
-        std::_Exit(failures == 0 ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
-}
 
 struct ModuleReply {
   bool result = false;

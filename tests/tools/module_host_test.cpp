@@ -9,12 +9,12 @@
 
 #include "Keel/OS/Time.h"
 #include "Tarn/Events/GenericEventHolder.h"
+#include "support/isolated.h"
 #include "support/temp_dir.h"
 #include "tarn/cli/TextForms.h"
 #include "tarn/host/EventFeed.h"
 #include "tarn/host/ModuleHost.h"
 #include "tarn/import/RowJson.h"
-#include "tools/isolated.h"
 
 namespace Tarn::Tool {
 namespace {

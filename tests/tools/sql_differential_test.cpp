@@ -37,6 +37,7 @@
 #include "manager/writer/StorageManager.h"
 #include "osquery/RecordBuilder.h"
 #include "osquery/Tables.h"
+#include "support/isolated.h"
 #include "support/store_fixture.h"
 #include "support/temp_dir.h"
 #include "tarn/cli/TextForms.h"
@@ -46,7 +47,6 @@
 #include "tarn/sql/SqlSession.h"
 #include "tarn/sql/SqlTables.h"
 #include "tarn/synthetic/Synthetic.h"
-#include "tools/isolated.h"
 #include "tools/random_statements.h"
 
 namespace Tarn::Tool {

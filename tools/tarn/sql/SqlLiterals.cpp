@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <set>
 #include <vector>
@@ -196,55 +197,61 @@ bool Signed(std::string_view digits, std::string& out) {
   return true;
 }
 
-}  // namespace
-
-std::string SignedIdLiterals(std::string_view sql) {
-  const std::vector<Token> tokens = Tokens(sql);
-  const Context context(sql, tokens);
+// `sql` with some runs of its tokens replaced: `replace(t, text)` gives the
+// text for a run that starts at token t and returns how many tokens it
+// spans (0: the token stays).
+std::string Rewritten(std::string_view sql, const std::vector<Token>& tokens,
+                      const std::function<size_t(size_t, std::string&)>& replace) {
   std::string out;
   out.reserve(sql.size());
   size_t copied = 0;
   for (size_t t = 0; t < tokens.size(); ++t) {
-    const Token& token = tokens[t];
-    std::string replacement;
-    if (token.kind != Token::kNumber ||
-        !Signed(sql.substr(token.begin, token.end - token.begin), replacement) ||
-        !context.MeetsIdColumn(t)) {
-      continue;
-    }
-    out.append(sql.substr(copied, token.begin - copied));
-    out += replacement;
-    copied = token.end;
+    std::string text;
+    const size_t span = replace(t, text);
+    if (span == 0) continue;
+    out.append(sql.substr(copied, tokens[t].begin - copied));
+    out += text;
+    copied = tokens[t + span - 1].end;
+    t += span - 1;
   }
   out.append(sql.substr(copied));
   return out;
 }
 
+}  // namespace
+
+std::string SignedIdLiterals(std::string_view sql) {
+  const std::vector<Token> tokens = Tokens(sql);
+  const Context context(sql, tokens);
+  return Rewritten(sql, tokens, [&](size_t t, std::string& text) -> size_t {
+    const Token& token = tokens[t];
+    return token.kind == Token::kNumber &&
+                   Signed(sql.substr(token.begin, token.end - token.begin), text) &&
+                   context.MeetsIdColumn(t)
+               ? 1
+               : 0;
+  });
+}
+
 std::string TimeLiterals(std::string_view sql) {
   const std::vector<Token> tokens = Tokens(sql);
   const Context context(sql, tokens);
-  std::string out;
-  out.reserve(sql.size());
-  size_t copied = 0;
-  for (size_t t = 0; t + 3 < tokens.size(); ++t) {
-    const Token& text = tokens[t + 2];
+  return Rewritten(sql, tokens, [&](size_t t, std::string& text) -> size_t {
+    if (t + 3 >= tokens.size()) return 0;
+    const Token& quoted = tokens[t + 2];
     if (tokens[t].kind != Token::kName || context.Text(t) != "ts" || !context.Is(t + 1, "(") ||
-        sql[text.begin] != '\'' || !context.Is(t + 3, ")")) {
-      continue;
+        sql[quoted.begin] != '\'' || !context.Is(t + 3, ")")) {
+      return 0;
     }
-    std::string value(sql.substr(text.begin + 1, text.end - text.begin - 2));
+    std::string value(sql.substr(quoted.begin + 1, quoted.end - quoted.begin - 2));
     for (size_t i = value.find("''"); i != std::string::npos; i = value.find("''", i + 1)) {
       value.erase(i, 1);
     }
     int64_t ms = 0;
-    if (!ParseTime(value, /*end_of_day=*/false, ms)) continue;
-    out.append(sql.substr(copied, tokens[t].begin - copied));
-    out += std::to_string(ms);
-    copied = tokens[t + 3].end;
-    t += 3;
-  }
-  out.append(sql.substr(copied));
-  return out;
+    if (!ParseTime(value, /*end_of_day=*/false, ms)) return 0;
+    text = std::to_string(ms);
+    return 4;
+  });
 }
 
 }  // namespace Tarn::Tool

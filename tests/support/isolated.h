@@ -3,6 +3,7 @@
 // Runs a test body in a child process. Closing the storage module shuts
 // protobuf down for the rest of its process, so every case that opens the
 // module in this process gets one of its own.
+// TARN_TEST_IN_PROCESS=1 runs it in place instead, for a debugger.
 
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
@@ -13,7 +14,10 @@
 
 namespace tarn::test {
 
+// The child's failures are written to its stderr, which the parent shows
+// when the child fails.
 inline void RunIsolated(const std::function<void()>& body) {
+  if (std::getenv("TARN_TEST_IN_PROCESS") != nullptr) return body();
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
