@@ -2,14 +2,17 @@
 // (many blocks, and a block waiting in the shutdown file) is built once.
 // Then, for every block and every kind of damage (a header word zeroed or
 // flipped, a payload byte flipped, bytes cut out of a block, the file cut at
-// the block's edge or inside it, the block's index record damaged) and for
-// damage to the shutdown file, a copy of the store is damaged and:
+// the block's edge or inside it, the block's index record damaged), for
+// each day file's header and for damage to the shutdown file, a copy of the
+// store is damaged and:
 // - `tarn verify` names the damaged file;
 // - the store starts again;
 // - every event reads back through walks and through ProcessBlocks, except
 //   those of the damaged block (and, for a cut file, of the blocks the cut
 //   took), which may be lost, and only those: none where nothing the events
-//   lie in was touched.
+//   lie in was touched;
+// - where damaged bytes stay in a day file and cost events, a read fails on
+//   their block: the store never forgets a block it cannot read.
 //
 // TARN_DAMAGE_LONG=1 flips every bit of each header word and index field,
 // and the payload at more places (by hand: about ten times as many cases).
@@ -177,6 +180,9 @@ struct Damage {
   Loss loss = Loss::kExactly;
   Tags lost;         // what the damage may cost
   bool visible = true;  // whether verify can see it
+  // Whether the damaged bytes stay in a day file: a reader must then meet
+  // a block it cannot read wherever events were lost, not miss them quietly.
+  bool stays = false;
   std::function<void(Files&)> apply;
   // What verify's report must hold: the file's name, or for a damaged index
   // record any fault (it names the block the record misplaces).
@@ -207,7 +213,7 @@ std::vector<Damage> BlockDamages(const Pristine& p, size_t which) {
   std::vector<Damage> out;
   auto add = [&](std::string what, Loss loss, const Tags& lost, std::function<void(std::string&)> f,
                  std::string file = "") {
-    out.push_back({what, file.empty() ? b.file : file, loss, lost, true,
+    out.push_back({what, file.empty() ? b.file : file, loss, lost, true, file.empty(),
                    [name = file.empty() ? b.file : file, f](Files& files) { f(files[name]); }});
   };
   const char* const kWords[] = {"stored_size", "raw_size", "table_offset"};
@@ -234,10 +240,13 @@ std::vector<Damage> BlockDamages(const Pristine& p, size_t which) {
   }
   add("100 payload bytes cut out", Loss::kExactly, b.tags,
       [at = payload + b.header.stored_size / 2](std::string& f) { f.erase(at, 100); });
+  // A cut takes the blocks' bytes away: the store can only log it.
   add("file cut at the block's start", Loss::kExactly, from_here,
       [at = b.offset](std::string& f) { f.resize(at); });
+  out.back().stays = false;
   add("file cut inside the block", Loss::kExactly, from_here,
       [at = payload + b.header.stored_size / 3](std::string& f) { f.resize(at); });
+  out.back().stays = false;
 
   // The block's index record: nothing in the day files is touched, so
   // nothing may be lost.
@@ -270,10 +279,27 @@ std::vector<Damage> BlockDamages(const Pristine& p, size_t which) {
   return out;
 }
 
+// A day file's own header: its blocks are framed and checked on their own,
+// so the store writes a fresh header at its start and loses nothing.
+std::vector<Damage> HeaderDamages(const Pristine& p) {
+  std::set<std::string> day_files;
+  for (const BlockRef& b : p.blocks) day_files.insert(b.file);
+  std::vector<Damage> out;
+  for (const std::string& file : day_files) {
+    for (const auto& [what, at] : {std::pair{"magic", 0}, std::pair{"reserved word", 5},
+                                   std::pair{"version", 8}, std::pair{"trailer", 19}}) {
+      out.push_back({std::string("day file header ") + what + " flipped", file, Loss::kExactly,
+                     {}, true, true,
+                     [file, at](Files& files) { files[file][at] ^= 0x10; }});
+    }
+  }
+  return out;
+}
+
 std::vector<Damage> FinalDamages(const Pristine& p) {
   std::vector<Damage> out;
   auto add = [&](std::string what, bool visible, std::function<void(std::string&)> f) {
-    out.push_back({what, Utils::kFinalFileName, Loss::kAtMost, p.final_tags, visible,
+    out.push_back({what, Utils::kFinalFileName, Loss::kAtMost, p.final_tags, visible, false,
                    [f](Files& files) { f(files[Utils::kFinalFileName]); }});
   };
   add("shutdown magic zeroed", true, [](std::string& f) { PutWord(f, 0, 0); });
@@ -298,8 +324,10 @@ std::vector<Damage> FinalDamages(const Pristine& p) {
 }
 
 // Reads every event the restarted store hands out, by walking and by
-// ProcessBlocks; a divergence is added to `problems`.
-Tags ReadBack(StorageManager& manager, std::vector<std::string>& problems) {
+// ProcessBlocks; a divergence is added to `problems`. `told` says whether
+// a read failed on a block.
+Tags ReadBack(StorageManager& manager, std::vector<std::string>& problems, bool& told) {
+  told = false;
   EventStorageProvider reader(manager, manager.telemetry());
   if (!reader.Create()) {
     problems.push_back("the reader does not start");
@@ -311,7 +339,10 @@ Tags ReadBack(StorageManager& manager, std::vector<std::string>& problems) {
   uint64_t last = first;
   for (uint64_t p = first; p != RawIterator::Invalid; reader.Increment(p)) {
     last = p;
-    if (!reader.GetEvent(p, &holder)) continue;  // a block that no longer decodes
+    if (!reader.GetEvent(p, &holder)) {  // a block that no longer decodes
+      told = true;
+      continue;
+    }
     const uint32_t tag = tarn::test::TagOf({holder.Data(), holder.Data() + holder.Size()});
     if (!walked.insert(tag).second) problems.push_back("event " + std::to_string(tag) + " twice");
   }
@@ -342,6 +373,7 @@ Tags ReadBack(StorageManager& manager, std::vector<std::string>& problems) {
           handed.insert(tags.begin(), tags.end());
         });
     if (done) break;
+    told = true;
     from = after_block(sent == RawIterator::Invalid ? from : after_block(sent));
     if (++unreadable > 2) {
       problems.push_back("ProcessBlocks fails at more than the damaged block");
@@ -390,7 +422,8 @@ std::vector<std::string> RunCase(const Pristine& p, const Damage& damage, Figure
     return problems;
   }
   ++figures.restarts;
-  const Tags read = ReadBack(manager, problems);
+  bool told = false;
+  const Tags read = ReadBack(manager, problems, told);
   Tags lost, stray;
   for (uint32_t tag : p.all) {
     if (read.count(tag) == 0) lost.insert(tag);
@@ -405,6 +438,9 @@ std::vector<std::string> RunCase(const Pristine& p, const Damage& damage, Figure
   figures.lost_beyond += beyond.size();
   if (!stray.empty()) problems.push_back("events nobody stored read back: " + Describe(stray));
   if (!beyond.empty()) problems.push_back("lost beyond the damage: " + Describe(beyond));
+  if (damage.stays && !lost.empty() && !told) {
+    problems.push_back("lost " + Describe(lost) + " without a word: no read fails");
+  }
   if (damage.loss == Loss::kExactly && lost != damage.lost) {
     problems.push_back("lost " + Describe(lost) + ", the damage took " + Describe(damage.lost));
   }
@@ -428,6 +464,7 @@ TEST(DamageSweep, EveryIntactBlockSurvivesOneDamagedStretch) {
   }
   Figures figures;
   std::vector<Damage> damages = FinalDamages(pristine);
+  for (Damage& damage : HeaderDamages(pristine)) damages.push_back(std::move(damage));
   for (size_t b = 0; b < pristine.blocks.size(); ++b) {
     std::vector<Damage> more = BlockDamages(pristine, b);
     damages.insert(damages.end(), more.begin(), more.end());

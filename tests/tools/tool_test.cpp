@@ -303,12 +303,19 @@ TEST_F(DamagedStore, RecoverBringsBackEveryEventAfterTheIndexIsLost) {
   const std::string index = Store() + "/storage.index.db";
   const std::string saved = tarn::test::ReadWholeFile(index);
   fs::remove(index);
+  // And a day file's header went bad: its blocks are whole behind it.
+  std::string day_file = tarn::test::ReadWholeFile(path_);
+  day_file[1] ^= 0x10;
+  tarn::test::WriteWholeFile(path_, day_file);
   ToolRun lost = Run({"verify", "--store", Store()});
   EXPECT_EQ(lost.status, 1);
   EXPECT_NE(lost.out.find("storage.index.db is missing"), std::string::npos) << lost.out;
 
   ToolRun recover = Run({"recover", "--store", Store()});
   ASSERT_EQ(recover.status, 0) << recover.err;
+  EXPECT_NE(recover.out.find("repaired " + first_day_file_ + ": its header was damaged"),
+            std::string::npos)
+      << recover.out;
   EXPECT_NE(recover.out.find("5,000 events"), std::string::npos) << recover.out;
   EXPECT_EQ(tarn::test::ReadWholeFile(index), saved) << "the same index as the store wrote";
   EXPECT_EQ(Run({"verify", "--store", Store()}).status, 0);

@@ -27,6 +27,9 @@ enum Message : uint32_t {
   kFreshHeaderFlush = 333,
   kHeaderRead = 334,
   kDirectorySync = 335,
+  kRepairOpen = 336,
+  kRepairWrite = 337,
+  kRepairFlush = 338,
 };
 
 constexpr uint32_t kMagicOffset = 0;
@@ -114,6 +117,15 @@ bool CreateDayFile(const std::string& path, Keel::OS::File& file) {
     return false;
   }
   return true;
+}
+
+bool RewriteDayFileHeader(const std::string& path) {
+  Keel::OS::File file;
+  if (!file.Open(path, Keel::OS::File::Mode::ReadWrite)) {
+    Log(kRepairOpen, file.LastError());
+    return false;
+  }
+  return WriteHeader(file, kRepairWrite, kRepairFlush);
 }
 
 AppendOpen OpenDayFileForAppend(const std::string& path, Keel::OS::File& file, uint64_t& size,

@@ -31,6 +31,11 @@ DayFileCheck CheckDayFileHeader(const uint8_t* bytes, uint64_t size,
 // possible, so that opening it for appending gives it a fresh header.
 bool CreateDayFile(const std::string& path, Keel::OS::File& file);
 
+// Writes a fresh header over the first 20 bytes of an existing file and
+// flushes it; the blocks behind it are not touched. For the recover tool,
+// on a file whose header alone is damaged. False (logged) on failure.
+bool RewriteDayFileHeader(const std::string& path);
+
 enum class AppendOpen {
   kOk,
   // The system failed an operation: the file may be fine, so it is kept.

@@ -74,11 +74,13 @@ class DayFileReader {
   // which returns false to stop. False on an I/O error.
   bool DecodeSpans(const std::vector<FileSpan>& spans,
                    const std::function<bool(const WalkedBlock&)>& visit);
-
- private:
-  // Whether a whole block starts at `offset`. Quiet: a chart asks it of
+  // Whether a whole block starts at `offset`: sane sizes that fit the file,
+  // and the payload's magic. `header` gets the header's words whenever the
+  // file holds them and the magic's bytes. Quiet: a chart asks it of
   // arbitrary bytes. Sets io_error_ when the read fails.
   bool FramesBlock(uint64_t offset, BlockHeader& header);
+
+ private:
   // The first offset in [from, limit) where a whole block starts, or limit.
   uint64_t NextFramedBlock(uint64_t from, uint64_t limit);
   // The first of `anchors` in (after, before) where a whole block starts, or

@@ -156,6 +156,10 @@ class StoreCatalog {
   // be cut: nothing in the index or the file was changed then.
   uint64_t AlignVersion(uint16_t day, DayInfo& info, uint8_t version,
                         class DayFileReader& reader, bool& changed);
+  // Writes a fresh header over the damaged one of a file in which a block
+  // the index names is whole.
+  void RepairHeader(uint16_t day, const DayInfo& info, uint8_t version, class DayFileReader& reader,
+                    const std::string& path);
 
   void NextGeneration() { generation_.fetch_add(1, std::memory_order_acq_rel); }
 

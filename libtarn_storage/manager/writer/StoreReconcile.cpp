@@ -50,6 +50,10 @@ enum Message : uint32_t {
   kVersionFileUnreadable = 11,
   kRecordRepeated = 12,
   kAdoptFlushFailed = 13,
+  kBlockDamaged = 14,
+  kVersionHeaderDamaged = 15,
+  kHeaderRepaired = 16,
+  kHeaderRepairFailed = 17,
 };
 
 void Log(uint32_t severity, Message message, uint64_t a = 0, uint64_t b = 0, uint64_t c = 0) {
@@ -191,9 +195,19 @@ void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, bool& changed) {
       DayFileCheck check = DayFileCheck::ReadFailed;
       const std::string path = DayFilePath(day, version);
       const auto mode = Keel::OS::File::Mode::ReadWrite;
-      if (reader.Open(path, check, mode, version) ||
-          (check == DayFileCheck::ReadFailed && reader.Open(path, check, mode, version))) {
+      const bool opened =
+          reader.Open(path, check, mode, version) ||
+          (check == DayFileCheck::ReadFailed && reader.Open(path, check, mode, version));
+      // A damaged header says nothing of the blocks behind it, which are
+      // read by their own framing: they are charted as in any file.
+      const bool header_damaged = !opened && check != DayFileCheck::ReadFailed &&
+                                  check != DayFileCheck::TooShort;
+      if (header_damaged) {
+        Log(Keel::Log::Warning, kVersionHeaderDamaged, day, version, static_cast<uint32_t>(check));
+      }
+      if (opened || header_damaged) {
         uint64_t end = AlignVersion(day, info, version, reader, changed);
+        if (header_damaged) RepairHeader(day, info, version, reader, path);
         info.setOnDiskSize(version, end != 0 ? end : reader.Size());
         continue;
       }
@@ -209,6 +223,26 @@ void StoreCatalog::ReconcileDay(uint16_t day, DayInfo& info, bool& changed) {
     info.ClearVersion(version);
     changed |= info.GetBlockCount() != before;
     NextGeneration();
+  }
+}
+
+void StoreCatalog::RepairHeader(uint16_t day, const DayInfo& info, uint8_t version,
+                                DayFileReader& reader, const std::string& path) {
+  // Its blocks are framed and checked on their own: a fresh header makes
+  // them readable again, where it would otherwise fail every read. Only a
+  // file where the index finds a block of its own: other bytes under a day
+  // file's name are not made one.
+  bool framed = false;
+  BlockHeader header;
+  for (uint32_t i = 0; i < info.GetBlockCount() && !framed; ++i) {
+    const BlockInfo& block = *info.GetBlock(i);
+    framed = block.version == version && reader.FramesBlock(block.block_offset, header);
+  }
+  if (!framed || version != kDayFileFormatVersion) return;
+  if (RewriteDayFileHeader(path)) {
+    Log(Keel::Log::Warning, kHeaderRepaired, day, version);
+  } else {
+    Log(Keel::Log::Error, kHeaderRepairFailed, day, version);
   }
 }
 
@@ -280,9 +314,22 @@ uint64_t StoreCatalog::AlignVersion(uint16_t day, DayInfo& info, uint8_t version
     adopted = true;
     Log(Keel::Log::Warning, kBlockRecovered, day, span.offset, view.EventCount());
   }
+  // A named block that does not frame (its header or its stream's start
+  // damaged) stays named where its bytes lie: read, it fails and is reported,
+  // and the recover tool finds it; dropped here, its events would vanish
+  // without a word. A record pointing past the file, or into a whole block,
+  // names nothing that exists.
   for (const auto& [offset, block] : named) {
-    Log(Keel::Log::Warning, kBlockUnreadable, day, offset, block.events_count);
+    const bool inside_whole = std::any_of(spans.begin(), spans.end(), [&](const FileSpan& span) {
+      return span.whole && offset >= span.offset && offset < span.end;
+    });
+    const bool present = offset + kBlockHeaderSize <= reader.Size() && !inside_whole;
+    Log(Keel::Log::Warning, present ? kBlockDamaged : kBlockUnreadable, day, offset,
+        block.events_count);
+    if (present) kept.push_back(block);
   }
+  std::sort(kept.begin(), kept.end(),
+            [](const BlockInfo& a, const BlockInfo& b) { return a.block_offset < b.block_offset; });
 
   // Where the next block goes. Bytes after the last whole block are cut when
   // they are the torn tail of a write; where the index named a block among

@@ -198,6 +198,18 @@ void RestoreAsideFiles(const std::string& directory, const StoreListing& listing
   }
 }
 
+// Writes a fresh header over a damaged one when the chart found whole blocks
+// behind it; blocks themselves are not touched.
+bool RepairHeader(const std::string& path, const std::string& name,
+                  const std::vector<FileSpan>& spans) {
+  const size_t whole = static_cast<size_t>(
+      std::count_if(spans.begin(), spans.end(), [](const FileSpan& s) { return s.whole; }));
+  if (whole == 0 || !Storage::RewriteDayFileHeader(path)) return false;
+  std::printf("repaired %s: its header was damaged; %s behind it framed\n", name.c_str(),
+              Counted(whole, "block").c_str());
+  return true;
+}
+
 // Charts one day file from its header on and reads every whole block in it.
 // Bytes that hold no whole block are passed over and reported.
 bool ScanFile(const std::string& directory, const DayFileEntry& file, ScannedFile& scanned,
@@ -205,9 +217,15 @@ bool ScanFile(const std::string& directory, const DayFileEntry& file, ScannedFil
   DayFileReader reader;
   Storage::DayFileCheck check;
   std::vector<FileSpan> spans;
-  if (!reader.Open(PathIn(directory, file.name), check, Keel::OS::File::Mode::Read,
-                   file.version) ||
-      !reader.Chart({}, spans)) {
+  const std::string path = PathIn(directory, file.name);
+  const bool opened = reader.Open(path, check, Keel::OS::File::Mode::Read, file.version);
+  // A header of the store's format that went bad: the blocks behind it are
+  // framed on their own, and a fresh header makes them readable again.
+  const bool header_damaged = !opened && file.version == Storage::kDayFileFormatVersion &&
+                              check != Storage::DayFileCheck::ReadFailed &&
+                              check != Storage::DayFileCheck::TooShort;
+  if ((!opened && !header_damaged) || !reader.Chart({}, spans) ||
+      (header_damaged && !RepairHeader(path, file.name, spans))) {
     std::printf("skipped  %s: not a day file of this store, or unreadable\n", file.name.c_str());
     ++totals.skipped_files;
     return false;
@@ -345,8 +363,10 @@ int RunRecover(const std::string& store) {
     PrintError(Counted(totals.lost_blocks, "damaged block") + " could not be indexed");
   }
   if (totals.damaged_spans != 0) {
-    PrintError(Counted(totals.damaged_spans, "damaged stretch") +
-               " of day files hold no whole block");
+    PrintError(totals.damaged_spans == 1
+                   ? std::string("1 damaged stretch of day files holds no whole block")
+                   : FormatCount(totals.damaged_spans) +
+                         " damaged stretches of day files hold no whole block");
   }
   if (totals.skipped_files != 0) {
     PrintError(Counted(totals.skipped_files, "file") + " named like day files could not be read");

@@ -218,6 +218,18 @@ void Verifier::CheckUnnamedStretches(const std::string& name, DayFileReader& rea
   }
 }
 
+// Whether a block's header was cut off by the file's end, or its sizes are
+// sane and only its payload was: rather than damaged header words.
+bool CutInside(DayFileReader& reader, uint64_t offset) {
+  if (offset + Storage::kBlockHeaderSize + sizeof(Storage::kPayloadMagic) > reader.Size()) {
+    return true;
+  }
+  BlockHeader words;
+  reader.FramesBlock(offset, words);
+  return Storage::BlockSizesAreSane(words) &&
+         words.stored_size > reader.Size() - offset - Storage::kBlockHeaderSize;
+}
+
 void Verifier::CheckBlock(const std::string& where, DayFileReader& reader, const BlockInfo& block,
                           uint64_t& end) {
   ++blocks_;
@@ -225,14 +237,21 @@ void Verifier::CheckBlock(const std::string& where, DayFileReader& reader, const
     Fault(where + " overlaps the block before it");
     return;
   }
+  // A block whose header words are damaged tells nothing of where it ends:
+  // the next one is measured from its start.
+  end = block.block_offset + Storage::kBlockHeaderSize;
   BlockHeader header;
   if (!reader.ReadHeader(block.block_offset, header)) {
-    Fault(where + " reaches past the end of the file (" + FormatCount(reader.Size()) +
-          " bytes): the file was cut short");
-    end = reader.Size();
+    if (CutInside(reader, block.block_offset)) {
+      Fault(where + " reaches past the end of the file (" + FormatCount(reader.Size()) +
+            " bytes): the file was cut short");
+      end = reader.Size();
+    } else {
+      Fault(where + " has a damaged header: its sizes fit no block");
+    }
     return;
   }
-  end = block.block_offset + Storage::kBlockHeaderSize + uint64_t{header.stored_size};
+  end += header.stored_size;
   bytes_done_ += Storage::kBlockHeaderSize + uint64_t{header.stored_size};
   progress_->Update(bytes_done_);
   if (!reader.Decode(block.block_offset, header, raw_)) {
