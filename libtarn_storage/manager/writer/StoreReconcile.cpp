@@ -319,7 +319,8 @@ uint64_t StoreCatalog::AlignVersion(uint16_t day, DayInfo& info, uint8_t version
   // and the recover tool finds it; dropped here, its events would vanish
   // without a word. A record pointing past the file, or into a whole block,
   // names nothing that exists.
-  for (const auto& [offset, block] : named) {
+  for (const auto& [named_offset, block] : named) {
+    const uint64_t offset = named_offset;  // a lambda cannot capture a binding
     const bool inside_whole = std::any_of(spans.begin(), spans.end(), [&](const FileSpan& span) {
       return span.whole && offset >= span.offset && offset < span.end;
     });
