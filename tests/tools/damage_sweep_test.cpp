@@ -286,8 +286,9 @@ std::vector<Damage> HeaderDamages(const Pristine& p) {
   for (const BlockRef& b : p.blocks) day_files.insert(b.file);
   std::vector<Damage> out;
   for (const std::string& file : day_files) {
-    for (const auto& [what, at] : {std::pair{"magic", 0}, std::pair{"reserved word", 5},
-                                   std::pair{"version", 8}, std::pair{"trailer", 19}}) {
+    for (const auto& [what, byte] : {std::pair{"magic", 0}, std::pair{"reserved word", 5},
+                                     std::pair{"version", 8}, std::pair{"trailer", 19}}) {
+      const int at = byte;  // a lambda cannot capture a binding
       out.push_back({std::string("day file header ") + what + " flipped", file, Loss::kExactly,
                      {}, true, true,
                      [file, at](Files& files) { files[file][at] ^= 0x10; }});
