@@ -108,7 +108,9 @@ constexpr FieldRule kReadMemory[] = {
     {"TargetProcessId", "target_pid", C::kNumber},
 };
 
-// A handle to another process without the right to read its memory.
+// Every handle to another process Sysmon saw opened, whether or not it may
+// read the process's memory: what it opened, with which rights, and the
+// calls that opened it (where a dumping tool or injected code shows).
 constexpr FieldRule kOpenProcess[] = {
     {"SourceProcessGUID", "puid", C::kPuid},
     {"SourceProcessGUID", "pid_time_stamp", C::kStartTime},
@@ -117,6 +119,7 @@ constexpr FieldRule kOpenProcess[] = {
     {"TargetImage", "", C::kExtra},
     {"TargetProcessId", "", C::kExtra},
     {"GrantedAccess", "", C::kExtra},
+    {"CallTrace", "", C::kExtra},
 };
 
 constexpr FieldRule kFile[] = {
@@ -260,14 +263,63 @@ constexpr FieldRule kTaskUpdated[] = {
     {"TaskContentNew", "new_target_processes", C::kTaskPrograms},
 };
 
-// A privileged service called: the account and the process that called it.
-// The privileges it used are named (PrivilegeList), which the table's bit
-// mask does not keep.
+// A privileged service called: the account, the process that called it and
+// the privileges it needed, as a mask (bit N for the privilege whose LUID is N).
 constexpr FieldRule kPrivilegedService[] = {
     {"ProcessId", "pid", C::kNumber},
     {"SubjectUserName", "user_name"},
     {"SubjectDomainName", "domain_name"},
     {"SubjectUserSid", "user_sid"},
+    {"PrivilegeList", "requested_privileges", C::kPrivileges},
+};
+
+// A logon given special privileges (administrator's, or a service's): the
+// account, its logon and the privileges, as a mask as above. The record's
+// source, task and opcode are the event's own.
+constexpr FieldRule kSpecialLogon[] = {
+    {"SubjectUserName", "username"},
+    {"SubjectDomainName", "user_domain"},
+    {"SubjectLogonId", "logon_id", C::kNumber},
+    {"PrivilegeList", "assigned_privileges", C::kPrivileges},
+    {"SourceName", "source_name"},
+    {"Task", "task_category"},
+    {"Opcode", "opcode"},
+};
+
+// A handle to a process opened with rights its audit rules watch (Security
+// 4663 with ObjectType "Process"): the process that opened it, and what it
+// opened, by the path of its image, with which rights. The log names the
+// target by its image alone, so no edr_process_read_memory row can say
+// which process it was, even for PROCESS_VM_READ (0x10).
+constexpr FieldRule kProcessObjectOpened[] = {
+    {"ProcessId", "pid", C::kNumber},
+    {"OpenProcess", "name", C::kConstant},
+    {"ObjectName", "", C::kExtra},
+    {"AccessMask", "", C::kExtra},
+    {"ProcessName", "", C::kExtra},
+};
+
+// A process listed a user's local groups (4798), or a local group's members
+// (4799): the process by its pid, the account that ran it, and the user or
+// group.
+constexpr FieldRule kUserGroupsListed[] = {
+    {"CallerProcessId", "pid", C::kNumber},
+    {"TargetUserName", "target_username"},
+    {"TargetDomainName", "target_domain"},
+    {"TargetSid", "target_user_sid"},
+    {"SubjectUserName", "subject_username"},
+    {"SubjectDomainName", "subject_domain"},
+    {"SubjectUserSid", "subject_user_sid"},
+};
+
+constexpr FieldRule kGroupMembersListed[] = {
+    {"CallerProcessId", "pid", C::kNumber},
+    {"TargetUserName", "target_groupname"},
+    {"TargetDomainName", "target_domain"},
+    {"TargetSid", "target_group_sid"},
+    {"SubjectUserName", "subject_username"},
+    {"SubjectDomainName", "subject_domain"},
+    {"SubjectUserSid", "subject_user_sid"},
 };
 
 // The Windows Filtering Platform let a connection through. Its Source is
@@ -297,6 +349,39 @@ constexpr FieldRule kFilteredIn[] = {
     {"LayerName", "", C::kExtra},
 };
 
+// The Windows Filtering Platform dropped a packet (5152) or blocked a
+// connection (5157); the event id is the block's type. The table's source
+// and target are the log's Source and Dest, whichever end is this host (an
+// inbound packet dropped at the transport layer names its remote sender as
+// Source). The process id is ProcessId in 5152 and ProcessID in 5157.
+constexpr FieldRule kBlockedOut[] = {
+    {"ProcessId", "pid", C::kNumber},
+    {"ProcessID", "pid", C::kNumber},
+    {"SourceAddress", "source_ip", C::kAddress},
+    {"SourcePort", "source_port", C::kNumber},
+    {"DestAddress", "target_ip", C::kAddress},
+    {"DestPort", "target_port", C::kNumber},
+    {"Protocol", "protocol", C::kIpProtocol},
+    {"2", "direction", C::kConstant},  // outbound
+    {"Application", "application"},
+    {"FilterRTID", "rule_id"},
+    {"", "block_type", C::kEventId},
+};
+
+constexpr FieldRule kBlockedIn[] = {
+    {"ProcessId", "pid", C::kNumber},
+    {"ProcessID", "pid", C::kNumber},
+    {"SourceAddress", "source_ip", C::kAddress},
+    {"SourcePort", "source_port", C::kNumber},
+    {"DestAddress", "target_ip", C::kAddress},
+    {"DestPort", "target_port", C::kNumber},
+    {"Protocol", "protocol", C::kIpProtocol},
+    {"1", "direction", C::kConstant},  // inbound
+    {"Application", "application"},
+    {"FilterRTID", "rule_id"},
+    {"", "block_type", C::kEventId},
+};
+
 // ---- PowerShell -------------------------------------------------------------
 
 constexpr FieldRule kScriptBlock[] = {{"ScriptBlockText", "command"}};
@@ -311,7 +396,8 @@ constexpr EventRule kRules[] = {
     {kSysmon, 7, {}, "edr_process_load_module", kImageLoad},
     {kSysmon, 8, {}, "edr_process_injection", kRemoteThread},
     {kSysmon, 9, {}, "edr_file_read", kRawRead},
-    {kSysmon, 10, {"GrantedAccess", "", kVmRead}, "edr_process_read_memory", kReadMemory},
+    // A memory read is a handle opened too: a row in each table.
+    {kSysmon, 10, {"GrantedAccess", "", kVmRead}, "edr_process_read_memory", kReadMemory, true},
     {kSysmon, 10, {}, "edr_process_api_call", kOpenProcess},
     {kSysmon, 11, {}, "edr_file_create", kFile},
     {kSysmon, 12, {"EventType", "CreateKey"}, "edr_registry_key_create", kRegistryKey},
@@ -330,6 +416,8 @@ constexpr EventRule kRules[] = {
     {kSecurity, 4625, {}, "edr_user_login", kLogonFailed},
     {kSecurity, 4634, {}, "edr_user_logout", kLogoff},
     {kSecurity, 4647, {}, "edr_user_logout", kLogoff},
+    {kSecurity, 4663, {"ObjectType", "Process"}, "edr_process_api_call", kProcessObjectOpened},
+    {kSecurity, 4672, {}, "edr_user_privileges_assigned", kSpecialLogon},
     {kSecurity, 4673, {}, "edr_process_privilege_request", kPrivilegedService},
     {kSecurity, 4688, {}, "edr_process_create", kSecurityProcessCreate},
     {kSecurity, 4689, {}, "edr_process_terminate", kSecurityProcessExit},
@@ -346,9 +434,17 @@ constexpr EventRule kRules[] = {
     {kSecurity, 4738, {}, "edr_user_account_settings_change", kAccountChange},
     {kSecurity, 4740, {}, "edr_user_account_settings_change", kAccountChange},
     {kSecurity, 4781, {}, "edr_user_account_settings_change", kAccountChange},
+    {kSecurity, 4798, {}, "edr_process_enumerates_user_groups", kUserGroupsListed},
+    {kSecurity, 4799, {}, "edr_process_enumerates_group", kGroupMembersListed},
+    {kSecurity, 5152, {"Direction", "%%14592"}, "edr_firewall_block", kBlockedIn},
+    {kSecurity, 5152, {"Direction", "Inbound"}, "edr_firewall_block", kBlockedIn},
+    {kSecurity, 5152, {}, "edr_firewall_block", kBlockedOut},
     {kSecurity, 5156, {"Direction", "%%14592"}, "edr_network_wfp_connection_status", kFilteredIn},
     {kSecurity, 5156, {"Direction", "Inbound"}, "edr_network_wfp_connection_status", kFilteredIn},
     {kSecurity, 5156, {}, "edr_network_wfp_connection_status", kFilteredOut},
+    {kSecurity, 5157, {"Direction", "%%14592"}, "edr_firewall_block", kBlockedIn},
+    {kSecurity, 5157, {"Direction", "Inbound"}, "edr_firewall_block", kBlockedIn},
+    {kSecurity, 5157, {}, "edr_firewall_block", kBlockedOut},
     {kSystem, 7045, {}, "edr_service_added", kServiceInstalledSystem},
     {kPowerShell, 4103, {}, "edr_shell_command", kPipeline},
     {kPowerShell, 4104, {}, "edr_shell_command", kScriptBlock},

@@ -27,13 +27,17 @@ enum class Convert : uint8_t {
   kProgram,       // a command line: the program it runs
   kIntegrity,     // "Medium" or "S-1-16-8192": the mandatory label's RID, 0x2000
   kElevation,     // "%%1936", "%%1937", "%%1938": token elevation types 1, 2, 3
+  kPrivileges,    // privilege names ("SeDebugPrivilege ..."): bit N for the one whose LUID is N
   kAddress,       // an IPv4 or IPv6 address; "-" is none
   kPipe,          // a pipe name: its path, \\.\pipe\name
   kRegistryKey,   // a registry value's path: its key
-  kRegistryName,  // a registry value's path: the value's name
+  kRegistryName,  // a registry value's path: the value's name (all after the key
+                  // when the key is one whose values are named by paths)
   kRegistryType,  // Sysmon's Details ("DWORD (0x00000001)"): the REG_* type number
   kDriver,        // a service type: 1 for a driver, else 0
   kStartType,     // a service start type, a number or in words: 0 to 4
+                  // (kIntegrity, kElevation, kStartType: kUnknownNamed when the
+                  // text names no value they know)
   kTaskCommands,  // a task's XML: the command lines of its actions
   kTaskPrograms,  // a task's XML: the programs its actions run
   kIpProtocol,    // an IP protocol number: "tcp", "udp", "icmp" as Sysmon writes them
@@ -61,10 +65,13 @@ struct EventRule {
   Condition when;
   std::string_view table;
   std::span<const FieldRule> fields;
+  bool and_next = false;  // the event takes the rules after this one too
 };
 
 // Every rule. The rules of one event id follow each other; the first whose
-// condition holds is the event's.
+// condition holds is the event's, and when it says `and_next` the first of
+// the rules after it whose condition holds as well (a row in each table).
+// Conditions compare as Windows does, case aside.
 std::span<const EventRule> Rules();
 
 // The fields that may hold an event's time, the first present wins: the

@@ -12,6 +12,13 @@
 
 namespace Tarn::Tool::Windows {
 
+// What kIntegrity, kElevation and kStartType give for a text that names no
+// value they know (a localized log, a newer Windows, "-" or nothing): no
+// mandatory label RID, token elevation type or service start type, so a
+// row never reads as Untrusted or as a boot start driver by mistake. The
+// columns are 32-bit.
+inline constexpr uint64_t kUnknownNamed = 0xFFFFFFFF;
+
 // What some conversions take from the event rather than from a field.
 struct EventFacts {
   int64_t time_ms = 0;
