@@ -17,7 +17,8 @@ seconds=${1:-45}
 shift || true
 fuzzers=("$@")
 if [ ${#fuzzers[@]} -eq 0 ]; then
-  fuzzers=(index_fuzz final_fuzz store_fuzz osquery_fuzz)
+  fuzzers=(index_fuzz final_fuzz store_fuzz osquery_fuzz shipper_line_fuzz dump_json_fuzz
+    event_xml_fuzz)
 fi
 build_dir=${BUILD_DIR:-build-asan}
 
@@ -41,6 +42,7 @@ for name in "${fuzzers[@]}"; do
   log="$artifacts/$name.log"
   dict=fuzz/store_files.dict
   [ "$name" = osquery_fuzz ] && dict=fuzz/osquery.dict
+  case "$name" in shipper_line_fuzz | dump_json_fuzz | event_xml_fuzz) dict=fuzz/windows.dict ;; esac
   echo "fuzzing $name for ${seconds}s"
   if "$build_dir/bin/$name" "$corpus" "fuzz/corpus/$name" -dict="$dict" \
       -max_total_time="$seconds" -max_len=8192 -timeout=30 -rss_limit_mb=4096 \

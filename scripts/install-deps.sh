@@ -17,6 +17,9 @@ packages=(
   libsqlite3-dev
   libedit-dev
   libcli11-dev
+  # tarn ingest: .evtx files (libevtx's header needs libbfio's, which its
+  # package does not pull in), the records' XML, .zip and .gz inputs.
+  libevtx-dev libbfio-dev libexpat1-dev libarchive-dev
   librocksdb-dev
   # The sanitizer build and the fuzzers: clang, its sanitizer runtimes (only
   # recommended by clang, which this script does not install) and libFuzzer.

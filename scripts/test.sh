@@ -3,7 +3,7 @@
 #   1. the cases labelled "threads" under ThreadSanitizer (build-tsan/);
 #   2. the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #      with clang (build-asan/), the fuzzers' seed corpora among it;
-#   3. each fuzzer of that build for FUZZ_SECONDS (default 45);
+#   3. each fuzzer of that build for FUZZ_SECONDS (default 30);
 #   4. the whole suite of the normal build with warnings as errors (build/).
 # TARN_SANITIZE=0 leaves out 2 and 3. Any failure, sanitizer report or fuzzer
 # finding fails the script. Each phase prints its wall time, and a summary
@@ -48,7 +48,7 @@ asan_test() {
     UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1" \
     ctest --test-dir "$asan_dir" --output-on-failure -j "$jobs"
 }
-fuzz() { BUILD_DIR="$asan_dir" ./scripts/fuzz.sh "${FUZZ_SECONDS:-45}"; }
+fuzz() { BUILD_DIR="$asan_dir" ./scripts/fuzz.sh "${FUZZ_SECONDS:-30}"; }
 
 build_dir=${BUILD_DIR:-build}
 werror_build() { BUILD_DIR="$build_dir" ./scripts/build.sh -DTARN_WERROR=ON -DTARN_BENCHMARKS=OFF; }

@@ -96,6 +96,12 @@ bool LineReader::ReadAhead() {
   return has_ahead_ = false;
 }
 
+void LineReader::PutBack(std::string text, uint64_t number) {
+  ahead_ = std::move(text);
+  ahead_line_ = number;
+  has_ahead_ = true;
+}
+
 const std::string& LineReader::Peek() {
   if (!has_ahead_) ReadAhead();
   return ahead_;
@@ -113,7 +119,7 @@ bool ReportRefused(const IngestOptions& options, uint64_t line, const std::strin
                    ImportOutcome& outcome) {
   ++outcome.refused;
   outcome.complete = false;
-  std::fprintf(stderr, "%s:%llu: %s\n", options.from.c_str(), static_cast<unsigned long long>(line),
+  std::fprintf(stderr, "%s:%llu: %s\n", options.from.front().c_str(), static_cast<unsigned long long>(line),
                error.c_str());
   return options.skip_bad;
 }

@@ -23,6 +23,9 @@ class LineReader {
   bool Next(std::string& text);
   // The line Next gives next, without taking it ("" at the end).
   const std::string& Peek();
+  // Gives `text`, line `number` of the input, read before this reader
+  // began, as the next line.
+  void PutBack(std::string text, uint64_t number);
   // The number of the line Next gave last, from 1.
   uint64_t Line() const { return line_; }
   void Finish() { progress_.Finish(); }

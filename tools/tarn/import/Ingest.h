@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tarn/host/ModuleHost.h"
 
@@ -18,8 +19,8 @@ struct IngestOptions {
   uint64_t events = 100'000;
   uint64_t seed = 1;
   std::string end;  // a time; empty: now
-  // Events from a JSON lines file ("-": standard input).
-  std::string from;
+  // Event logs: files, folders, archives ("-": standard input).
+  std::vector<std::string> from;
   std::string format = "auto";  // "tarn" (export's rows), "windows" (event logs), "auto"
   bool sort = false;
   bool skip_bad = false;

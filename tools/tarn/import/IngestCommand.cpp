@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
+#include <sstream>
 
 #include "tarn/cli/Command.h"
 #include "tarn/cli/CommonOptions.h"
@@ -20,7 +22,6 @@
 #include "tarn/offline/StoreStats.h"
 #include "tarn/synthetic/Synthetic.h"
 #include "tarn/cli/TextForms.h"
-#include "tarn/import/WindowsEvents.h"
 #include "tarn/import/WindowsImport.h"
 
 namespace Tarn::Tool {
@@ -74,30 +75,98 @@ void PrintSummary(const std::string& store, const IngestResult& result) {
   }
 }
 
-// ---- From a file ------------------------------------------------------------
+// ---- From files --------------------------------------------------------------
 
-// Windows events when the option says so, or when the first line looks like
-// one; else rows in the form export writes.
-bool IsWindows(const IngestOptions& options, LineReader& lines) {
-  if (options.format != "auto") return options.format == "windows";
-  return Windows::LooksLikeEvent(lines.Peek());
+// The message and exit status of an import that did not go as asked.
+void TellIncomplete(const ImportOutcome& outcome, uint64_t stored, bool stopped) {
+  if (stopped) {
+    const std::string before =
+        stored == 0   ? "nothing before it was stored"
+        : stored == 1 ? "the event before it is stored"
+                      : "the " + Counted(stored, "event") + " before it are stored";
+    std::fprintf(stderr, "tarn: import stopped at the line above; %s\n", before.c_str());
+  } else if (outcome.refused != 0) {
+    std::fprintf(stderr, "tarn: %s refused, %s stored\n", Counted(outcome.refused, "line").c_str(),
+                 Counted(stored, "event").c_str());
+  }
 }
 
-int IngestFile(const IngestOptions& options) {
+int Finished(const IngestOptions& options, ModuleHost& host, EventFeed& feed,
+             const ImportOutcome& outcome, bool stopped,
+             std::chrono::steady_clock::time_point start) {
+  const IngestResult result{feed.Stored(), feed.RecordBytes(), SecondsSince(start),
+                            outcome.first_ms, outcome.last_ms, feed.Cut()};
+  std::string error;
+  const bool closed = Finish(host, options.telemetry, error);
+  if (!closed) PrintError(error);
+  TellIncomplete(outcome, feed.Stored(), stopped);
+  PrintSummary(options.host.store, result);
+  std::fputs(outcome.summary.c_str(), stdout);
+  return closed && outcome.complete ? 0 : 1;
+}
+
+// Standard input's first line that is not blank, and how many lines it took.
+struct FirstLine {
+  std::string text;
+  uint64_t number = 0;
+};
+
+FirstLine ReadFirstLine(std::istream& in) {
+  FirstLine first;
+  while (std::getline(in, first.text)) {
+    ++first.number;
+    if (first.text.find_first_not_of(" \t\r") != std::string::npos) return first;
+  }
+  first.text.clear();
+  return first;
+}
+
+// Rows in the form `tarn export` writes, from one file or standard input
+// (whose first line was read to tell what it holds).
+ImportOutcome IngestRows(const IngestOptions& options, EventFeed& feed, const FirstLine& first) {
+  const std::string& from = options.from.front();
   std::ifstream file;
   std::istream* in = &std::cin;
   uint64_t size = 0;
-  if (options.from != "-") {
-    file.open(options.from, std::ios::binary);
+  if (from != "-") {
+    file.open(from, std::ios::binary);
     if (!file) {
-      PrintError("cannot open " + options.from);
-      return 1;
+      PrintError("cannot open " + from);
+      ImportOutcome outcome;
+      outcome.complete = false;
+      return outcome;
     }
     std::error_code ec;
-    size = std::filesystem::file_size(options.from, ec);
+    size = std::filesystem::file_size(from, ec);
     if (ec) size = 0;
     in = &file;
   }
+  LineReader lines(*in, size);
+  if (from == "-" && first.number != 0) lines.PutBack(first.text, first.number);
+  return ImportRowLines(options, feed, lines);
+}
+
+// Whether the inputs are rows of `tarn export`: as --format says, or, for
+// one file, as its first line says.
+bool IsTarnRows(const IngestOptions& options, const FirstLine& first) {
+  if (options.format != "auto") return options.format == "tarn";
+  if (options.from.size() != 1) return false;
+  if (options.from.front() == "-") return HoldsTarnRows(first.text);
+  std::ifstream file(options.from.front(), std::ios::binary);
+  std::string line;
+  return file && std::getline(file, line) && HoldsTarnRows(line);
+}
+
+int IngestFiles(const IngestOptions& options) {
+  const bool piped =
+      std::find(options.from.begin(), options.from.end(), "-") != options.from.end();
+  const bool tarn_rows = options.format == "tarn";
+  if (tarn_rows && (options.from.size() != 1)) {
+    PrintError("rows of `tarn export` are imported from one file at a time");
+    return kUsageError;
+  }
+  // The store first: its lock tells another tarn at once that it is in use,
+  // before a long input is read.
   ModuleHost host;
   std::string error;
   if (!host.Open(options.host, error)) {
@@ -105,31 +174,23 @@ int IngestFile(const IngestOptions& options) {
     return 1;
   }
   EventFeed feed(host, host.NewestStoredAtOpen());
-  LineReader lines(*in, size);
-  auto start = std::chrono::steady_clock::now();
+  const auto start = std::chrono::steady_clock::now();
+  const FirstLine first = piped ? ReadFirstLine(std::cin) : FirstLine{};
   // Each import drops its row messages before it returns: closing the store
   // shuts protobuf down.
-  const ImportOutcome outcome = IsWindows(options, lines)
-                                    ? ImportWindowsEvents(options, feed, lines)
-                                    : ImportRowLines(options, feed, lines);
-  const IngestResult result{feed.Stored(), feed.RecordBytes(), SecondsSince(start),
-                            outcome.first_ms, outcome.last_ms, feed.Cut()};
-  bool closed = Finish(host, options.telemetry, error);
-  if (!closed) PrintError(error);
-  if (!outcome.complete && !options.skip_bad) {
-    const uint64_t kept = feed.Stored();
-    const std::string before =
-        kept == 0   ? "nothing before it was stored"
-        : kept == 1 ? "the event before it is stored"
-                    : "the " + Counted(kept, "event") + " before it are stored";
-    std::fprintf(stderr, "tarn: import stopped at the line above; %s\n", before.c_str());
-  } else if (outcome.refused != 0) {
-    std::fprintf(stderr, "tarn: %s refused, %s stored\n", Counted(outcome.refused, "line").c_str(),
-                 Counted(feed.Stored(), "event").c_str());
+  if (IsTarnRows(options, first)) {
+    const ImportOutcome outcome = IngestRows(options, feed, first);
+    return Finished(options, host, feed, outcome, !outcome.complete && !options.skip_bad, start);
   }
-  PrintSummary(options.host.store, result);
-  std::fputs(outcome.summary.c_str(), stdout);
-  return outcome.complete && closed ? 0 : 1;
+  std::string standard_input;
+  if (piped) {
+    standard_input = first.text + "\n";
+    standard_input.append(std::istreambuf_iterator<char>(std::cin), {});
+  }
+  WindowsImport import(options);
+  const bool read = import.Read(standard_input);
+  const ImportOutcome outcome = read ? import.Store(feed) : import.Stopped();
+  return Finished(options, host, feed, outcome, !read, start);
 }
 
 }  // namespace
@@ -216,7 +277,7 @@ int RunIngest(const IngestOptions& options) {
     PrintError("ingest takes either --synthetic or --from FILE");
     return kUsageError;
   }
-  if (!options.from.empty()) return IngestFile(options);
+  if (!options.from.empty()) return IngestFiles(options);
   IngestResult result;
   std::string error;
   int64_t start = 0;
@@ -255,14 +316,15 @@ class IngestCommand : public Command {
                         "last moment of the synthetic span (a date or ISO 8601 time; now)");
     CLI::Option* from = command->add_option(
         "--from", options_.from,
-        "JSON lines to import, as `tarn export` writes them or Windows event logs (\"-\": "
+        "event logs to import: .evtx files, JSON of the evtx dump tools or of log shippers, or "
+        "rows as `tarn export` writes them; files, folders, .zip and .gz archives (\"-\": "
         "standard input)");
     synthetic->excludes(from);
     command
         ->add_option("--format", options_.format,
-                     "what the file holds: tarn (rows as `tarn export` writes them), windows "
-                     "(Windows event logs as JSON lines: Sysmon, Security, System, PowerShell) "
-                     "or auto (known by its first line; the default)")
+                     "what the inputs hold: tarn (rows as `tarn export` writes them), windows "
+                     "(Windows event logs: Sysmon, Security, System, PowerShell) or auto (known "
+                     "by their first bytes; the default)")
         ->check(CLI::IsMember({"auto", "tarn", "windows"}));
     command->add_flag("--sort", options_.sort, "order the file's events by time before storing");
     command->add_flag("--skip-bad", options_.skip_bad,

@@ -2,6 +2,8 @@
 
 #include <google/protobuf/descriptor.h>
 
+#include <algorithm>
+#include <cctype>
 #include <limits>
 #include <vector>
 
@@ -49,22 +51,36 @@ bool TimeOf(const Json& event, int64_t& ms, std::string& error) {
   return false;
 }
 
+bool SameLetters(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
 bool Holds(const Condition& when, const Json& event) {
   if (when.field.empty()) return true;
   std::string text;
   if (!FieldText(event, when.field, text)) return false;
-  if (when.bits == 0) return text == when.equals;
+  if (when.bits == 0) return SameLetters(text, when.equals);
   uint64_t number = 0;
   return ReadNumber(text, number) && (number & when.bits) == when.bits;
 }
 
-const EventRule* RuleOf(const Event& event, const Json& object) {
+// The rules the event takes: the first whose condition holds, and while a
+// taken rule says `and_next`, the next of its id whose condition holds.
+std::vector<const EventRule*> RulesOf(const Event& event, const Json& object) {
+  std::vector<const EventRule*> taken;
+  bool looking = true;
   for (const EventRule& rule : Rules()) {
-    if (rule.event_id == event.id && rule.channel == event.channel && Holds(rule.when, object)) {
-      return &rule;
+    if (!looking) break;
+    if (rule.event_id != event.id || rule.channel != event.channel || !Holds(rule.when, object)) {
+      continue;
     }
+    taken.push_back(&rule);
+    looking = rule.and_next;
   }
-  return nullptr;
+  return taken;
 }
 
 const ColumnInfo* ColumnNamed(const TableInfo& table, std::string_view name) {
@@ -74,13 +90,32 @@ const ColumnInfo* ColumnNamed(const TableInfo& table, std::string_view name) {
   return nullptr;
 }
 
+bool ReadsUnknownWhenMissing(Convert convert) {
+  return convert == Convert::kIntegrity || convert == Convert::kElevation ||
+         convert == Convert::kStartType;
+}
+
+// NUL bytes as U+2400: a record's text ends at a NUL, and what follows one
+// is as much the event's as what goes before.
+std::string WithoutNul(const std::string& text) {
+  std::string out;
+  out.reserve(text.size() + 8);
+  for (char c : text) {
+    if (c == '\0') {
+      out += "\u2400";
+    } else {
+      out.push_back(c);
+    }
+  }
+  return out;
+}
+
 bool SetColumn(Message& row, const FieldDescriptor& field, const FieldRule& rule,
                std::string_view text, const EventFacts& facts, std::string& error) {
   const auto& reflection = *row.GetReflection();
   if (field.cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
     std::string value;
     if (!ToText(rule.convert, text, value, error)) return false;
-    value.resize(std::min(value.size(), value.find('\0')));  // a stored text ends at a NUL
     reflection.SetString(&row, &field, std::move(value));
     return true;
   }
@@ -121,8 +156,8 @@ struct Extras {
 bool FillRow(const EventRule& rule, const Json& object, Event& event, std::string& error) {
   const Message* prototype =
       Storage::OSQuery::RowPrototype(Storage::OSQuery::TableIdByName(rule.table));
-  event.row.reset(prototype->New());
-  Message& row = *event.row;
+  event.rows.emplace_back(prototype->New());
+  Message& row = *event.rows.back();
   const auto* descriptor = row.GetDescriptor();
   row.GetReflection()->SetUInt64(&row, descriptor->FindFieldByName("date_time"),
                                  static_cast<uint64_t>(event.time_ms));
@@ -138,7 +173,14 @@ bool FillRow(const EventRule& rule, const Json& object, Event& event, std::strin
     if (!from_event) {
       text = field.field;
     } else if (!FieldText(object, field.field, text)) {
-      continue;  // the column keeps its 0 or ""
+      // The column keeps its 0 or "", but where 0 names a value (Untrusted,
+      // a boot-start driver) a missing field is as unknown as an unread one.
+      if (!ReadsUnknownWhenMissing(field.convert)) continue;
+      text.clear();
+    }
+    if (text.find('\0') != std::string::npos) {
+      event.nul_texts = true;
+      text = WithoutNul(text);
     }
     if (field.convert == Convert::kExtra) {
       extras.Add(field.field, text);
@@ -200,12 +242,18 @@ bool CheckRule(const EventRule& rule, std::string& error) {
 }  // namespace
 
 bool ReadEvent(std::string_view line, Event& event, std::string& error) {
-  event.row.reset();
-  Json object = Json::parse(line, nullptr, false);
+  const Json object = Json::parse(line, nullptr, false);
   if (!object.is_object()) {
+    event.rows.clear();
     error = object.is_discarded() ? "not valid JSON" : "not a JSON object";
     return false;
   }
+  return ReadFields(object, event, error);
+}
+
+bool ReadFields(const Json& object, Event& event, std::string& error) {
+  event.rows.clear();
+  event.nul_texts = false;
   std::string id;
   uint64_t number = 0;
   if (!FieldText(object, "Channel", event.channel) || !FieldText(object, "EventID", id) ||
@@ -215,8 +263,13 @@ bool ReadEvent(std::string_view line, Event& event, std::string& error) {
   }
   event.id = static_cast<uint32_t>(number);
   if (!TimeOf(object, event.time_ms, error)) return false;
-  const EventRule* rule = RuleOf(event, object);
-  return rule == nullptr || FillRow(*rule, object, event, error);
+  for (const EventRule* rule : RulesOf(event, object)) {
+    if (!FillRow(*rule, object, event, error)) {
+      event.rows.clear();
+      return false;
+    }
+  }
+  return true;
 }
 
 bool LooksLikeEvent(std::string_view line) {

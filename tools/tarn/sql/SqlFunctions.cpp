@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include "tarn/cli/TextForms.h"
+#include "tarn/import/WindowsValues.h"
 
 namespace Tarn::Tool {
 namespace {
@@ -40,11 +41,29 @@ void Iso(sqlite3_context* context, int, sqlite3_value** argv) {
   sqlite3_result_text(context, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
 }
 
+void Puid(sqlite3_context* context, int, sqlite3_value** argv) {
+  if (sqlite3_value_type(argv[0]) == SQLITE_NULL) return;
+  const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(argv[0]));
+  const std::string_view guid(text == nullptr ? "" : text,
+                              static_cast<size_t>(sqlite3_value_bytes(argv[0])));
+  const uint64_t puid = Windows::PuidOf(guid);  // 0: no GUID, or the zero GUID of no process
+  if (puid == 0) {
+    const std::string error = "puid() takes a ProcessGuid such as "
+                              "'{5AA13A44-0D08-68FC-DC1D-000000004002}', not '" +
+                              std::string(guid.substr(0, 60)) + "'";
+    sqlite3_result_error(context, error.c_str(), -1);
+    return;
+  }
+  // The id's 64 bits, as the puid columns hold them.
+  sqlite3_result_int64(context, static_cast<sqlite3_int64>(puid));
+}
+
 }  // namespace
 
-bool RegisterTimeFunctions(sqlite3* db, std::string& error) {
+bool RegisterSqlFunctions(sqlite3* db, std::string& error) {
   const int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
-  for (const auto& [name, function] : {std::pair{"ts", &Ts}, std::pair{"iso", &Iso}}) {
+  for (const auto& [name, function] :
+       {std::pair{"ts", &Ts}, std::pair{"iso", &Iso}, std::pair{"puid", &Puid}}) {
     if (sqlite3_create_function_v2(db, name, 1, flags, nullptr, function, nullptr, nullptr,
                                    nullptr) != SQLITE_OK) {
       error = std::string("SQLite refused the function ") + name + "(): " + sqlite3_errmsg(db);

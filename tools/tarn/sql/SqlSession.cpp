@@ -123,7 +123,7 @@ bool SqlSession::Open(const HostOptions& host, const QueryLimits& limits, unsign
   tables_ = std::make_unique<StoreTables>(*client_);
   // The store is open: its index file holds every block it will read.
   tables_->UseThreads(options.store, threads != 0 ? threads : DefaultScanThreads());
-  if (!tables_->Register(db_, error) || !RegisterTimeFunctions(db_, error) ||
+  if (!tables_->Register(db_, error) || !RegisterSqlFunctions(db_, error) ||
       !RegisterAddressCollation(db_, error)) {
     return false;
   }
