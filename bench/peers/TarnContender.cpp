@@ -98,7 +98,7 @@ bool TarnContender::AskAll(QueryRequest request, RowFn&& row, std::string& error
     QueryAnswer answer;
     if (!client_->Ask(request, answer, error)) return false;
     if (!answer.HasRows()) {
-      error = request.table + ": " + client_->Explain(answer.status);
+      error = request.table + ": " + client_->Explain(answer);
       return false;
     }
     for (std::string_view bytes : answer.rows) {

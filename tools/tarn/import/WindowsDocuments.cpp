@@ -111,7 +111,10 @@ class XmlEvent {
 
   void Start(std::string_view name, const XML_Char** attributes);
   void End();
-  std::string_view Section() const { return open_.size() >= 2 ? open_[1].name : ""; }
+  std::string_view Section() const {
+    if (open_.size() < 2) return {};
+    return open_[1].name;
+  }
 
   Json& fields_;
   std::vector<Open> open_;
