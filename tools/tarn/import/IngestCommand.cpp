@@ -300,7 +300,8 @@ class IngestCommand : public Command {
  public:
   CLI::App* Add(CLI::App& app) override {
     CLI::App* command = app.add_subcommand(
-        "ingest", "Put events into a store: synthetic ones, or JSON lines from a file");
+        "ingest",
+        "Put events into a store: synthetic ones, Windows event logs, or rows from `tarn export`");
     command->footer(
         "Events go in through the storage module, each filed on its own day and "
         "second. Times must lie in the past and not before the newest stored "
