@@ -9,6 +9,7 @@
 
 #include "Keel/Collections/Buffer.h"
 #include "support/log_capture.h"
+#include "support/xz_streams.h"
 #include "samples/EventLikeRecords.h"
 
 namespace {
@@ -18,22 +19,6 @@ using Tarn::Samples::EventLikeBytes;
 
 std::vector<uint8_t> Bytes(const Buffer& buffer) {
   return std::vector<uint8_t>(buffer.Data(), buffer.Data() + buffer.Size());
-}
-
-// The xz index of a whole stream, read from its footer, or null.
-lzma_index* DecodeIndex(const std::vector<uint8_t>& stream, lzma_stream_flags& footer) {
-  if (stream.size() < 2 * LZMA_STREAM_HEADER_SIZE) return nullptr;
-  const uint8_t* end = stream.data() + stream.size();
-  if (lzma_stream_footer_decode(&footer, end - LZMA_STREAM_HEADER_SIZE) != LZMA_OK) return nullptr;
-  const uint8_t* index = end - LZMA_STREAM_HEADER_SIZE - footer.backward_size;
-  lzma_index* decoded = nullptr;
-  uint64_t memlimit = UINT64_MAX;
-  size_t pos = 0;
-  if (lzma_index_buffer_decode(&decoded, &memlimit, nullptr, index, &pos, footer.backward_size) !=
-      LZMA_OK) {
-    return nullptr;
-  }
-  return decoded;
 }
 
 // Decoding must fail, leave `out` empty and write one Lzma error record.
@@ -62,7 +47,7 @@ TEST_P(LzmaRoundTrip, TenMebibytesOfEventsComeBackExactly) {
   // One xz block per 2 MiB with threads, one block without; CRC32 either way.
   std::vector<uint8_t> stream = Bytes(compressed);
   lzma_stream_flags footer;
-  lzma_index* index = DecodeIndex(stream, footer);
+  lzma_index* index = tarn::test::DecodeLastIndex(stream, footer);
   ASSERT_NE(index, nullptr);
   EXPECT_EQ(lzma_index_block_count(index), threads == 1 ? 1u : 5u);
   EXPECT_EQ(lzma_index_uncompressed_size(index), raw.size());
@@ -76,6 +61,62 @@ TEST_P(LzmaRoundTrip, TenMebibytesOfEventsComeBackExactly) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SingleAndMultiThreaded, LzmaRoundTrip, ::testing::Values(1u, 2u));
+
+// A raw block of records and, behind them, a table of 8-byte entries whose
+// words climb slowly, as an event block's do.
+std::vector<uint8_t> RecordsAndTable(uint64_t records, uint64_t& table_offset) {
+  std::vector<uint8_t> raw = EventLikeBytes(records, 3);
+  table_offset = raw.size();
+  for (uint32_t i = 0; i < records / 300; ++i) {
+    const uint32_t words[2] = {i * 300 + (i * 7919) % 97, 36'000 + i / 40};
+    const auto* bytes = reinterpret_cast<const uint8_t*>(words);
+    raw.insert(raw.end(), bytes, bytes + sizeof(words));
+  }
+  return raw;
+}
+
+// The table behind a delta filter is a stream of its own; the records one
+// xz block when there is time, 2 MiB blocks on every thread when there is
+// not. Whatever the form, the stock xz program and Uncompress both read back
+// exactly the input, and the table's stream is smaller than its share of one.
+TEST(LzmaTest, ATableBehindADeltaFilterIsAStreamOfItsOwnThatEveryXzDecoderReads) {
+  uint64_t table_offset = 0;
+  const std::vector<uint8_t> raw = RecordsAndTable(5 << 20, table_offset);
+  Buffer whole;
+  ASSERT_TRUE(Keel::Lzma::Compress(raw.data(), raw.size(), whole, {6, 1}));
+  struct Form {
+    bool one_block;
+    uint32_t threads;
+    std::vector<uint64_t> blocks;  // per stream, the table's first
+  };
+  for (const Form& form : {Form{true, 2, {1, 1}}, Form{false, 2, {1, 3}}, Form{false, 1, {1, 1}}}) {
+    SCOPED_TRACE(std::string(form.one_block ? "one block" : "pieces") + ", threads " +
+                 std::to_string(form.threads));
+    Keel::Lzma::Options options{6, form.threads};
+    options.table_offset = table_offset;
+    options.one_block = form.one_block;
+    Buffer split, decoded;
+    ASSERT_TRUE(Keel::Lzma::Compress(raw.data(), raw.size(), split, options));
+    EXPECT_LE(split.Size(), Keel::Lzma::CompressBound(raw.size()));
+    const std::vector<uint8_t> streams = Bytes(split);
+    EXPECT_EQ(tarn::test::BlocksPerStream(streams), form.blocks);
+    bool xz_read = false;
+    EXPECT_TRUE(tarn::test::XzDecoded(streams, xz_read) == raw);
+    EXPECT_TRUE(xz_read);
+    ASSERT_TRUE(Keel::Lzma::Uncompress(streams.data(), streams.size(), decoded, raw.size()));
+    EXPECT_TRUE(Bytes(decoded) == raw);
+    if (form.one_block) {
+      EXPECT_LT(split.Size(), whole.Size());
+    }
+    // Damage in the table's stream is found as in the records'.
+    for (size_t pos : {streams.size() - 30, streams.size() / 2, size_t{20}}) {
+      std::vector<uint8_t> damaged = streams;
+      damaged[pos] ^= 0x04;
+      ExpectRejected(damaged, raw.size());
+    }
+    ExpectRejected(std::vector<uint8_t>(streams.begin(), streams.end() - 1), raw.size());
+  }
+}
 
 TEST(LzmaTest, EmptyInputRoundTrips) {
   Buffer compressed, decoded;
@@ -126,7 +167,7 @@ TEST(LzmaTest, DamagedOrMismatchedStreamsAreRejected) {
                          std::vector<uint8_t>(good.begin(), good.begin() + keep));
   }
   // Four zero bytes would be legal stream padding in a file; here they are
-  // not. A second stream behind the first is just more trailing bytes.
+  // not. A second stream behind the first decodes to more than was stored.
   damaged.emplace_back("garbage", good);
   damaged.back().second.push_back('x');
   damaged.emplace_back("padding", good);

@@ -13,6 +13,7 @@
 #include "manager/format/DayFile.h"
 #include "Tarn/Events/Record.h"
 #include "support/log_capture.h"
+#include "support/xz_streams.h"
 #include "support/temp_dir.h"
 
 namespace Tarn::Storage {
@@ -134,6 +135,45 @@ TEST_F(EventsBlockTest, OneEventBlockHasItsTableBehindTheRecordAndAnInvertedXzPa
   ASSERT_TRUE(WriteBlock(file, kDayFileHeaderSize, encoded.header, payload));
   std::string disk = ReadWholeFile(Path());
   EXPECT_EQ(disk.substr(20), Le32(payload.Size()) + Le32(48) + Le32(40) + Bytes(payload));
+}
+
+// Each way a block's payload is laid out (the records as one xz block or in
+// pieces, then the table; or the one stream of stores written before)
+// decodes with the stock xz program to exactly its raw block, and the three
+// read back one after the other from one day file.
+TEST_F(EventsBlockTest, EveryPayloadFormDecodesWithTheStockXzToItsRawBlock) {
+  struct Form {
+    const char* name;
+    bool one_block;
+    PayloadForm form;
+  };
+  const Form forms[] = {{"records as one block, then the table", true,
+                         PayloadForm::kRecordsThenTable},
+                        {"records in pieces, then the table", false, PayloadForm::kRecordsThenTable},
+                        {"one stream", false, PayloadForm::kOneStream}};
+  File file;
+  ASSERT_TRUE(CreateDayFile(Path(), file));
+  uint64_t offset = kDayFileHeaderSize;
+  std::vector<std::string> written;
+  for (const Form& f : forms) {
+    SCOPED_TRACE(f.name);
+    SampleBlock block = MakeSampleBlock(std::vector<uint32_t>(3000, 1500), 7200);
+    Buffer payload;
+    EncodedBlock encoded;
+    Keel::Lzma::Options options{6, 2};
+    options.one_block = f.one_block;
+    ASSERT_TRUE(EncodeBlock(block.raw, block.entries, payload, encoded, options, f.form));
+    std::vector<uint8_t> stream(payload.Data(), payload.Data() + payload.Size());
+    for (uint8_t& byte : stream) byte = static_cast<uint8_t>(~byte);
+    bool xz_read = false;
+    const std::vector<uint8_t> decoded = tarn::test::XzDecoded(stream, xz_read);
+    EXPECT_TRUE(xz_read);
+    EXPECT_EQ(std::string(decoded.begin(), decoded.end()), Bytes(block.raw));
+    ASSERT_TRUE(WriteBlock(file, offset, encoded.header, payload));
+    offset += kBlockHeaderSize + encoded.header.stored_size;
+    written.push_back(Bytes(block.raw));
+  }
+  EXPECT_EQ(ReadAll(file), written);
 }
 
 TEST_F(EventsBlockTest, TablesAreCheckedBeforeAnythingIsAppended) {

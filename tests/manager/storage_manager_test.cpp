@@ -17,10 +17,13 @@
 #include "Keel/OS/FaultInjection.h"
 #include "Keel/OS/FileSystem.h"
 #include "Tarn/Events/Base.h"
+#include "manager/format/DayFile.h"
+#include "manager/format/EventsBlock.h"
 #include "manager/format/StorageHelper.h"
 #include "support/log_capture.h"
 #include "support/store_fixture.h"
 #include "support/temp_dir.h"
+#include "support/xz_streams.h"
 
 namespace Tarn::Storage {
 namespace {
@@ -180,6 +183,84 @@ TEST_F(StorageManagerTest, ConcurrentIntakeLosesNoEvent) {
   EXPECT_EQ(events.size(), accepted.load());
   EXPECT_EQ(tags.size(), accepted.load());
   EXPECT_GT(BlockSizes(9000).size(), 5u);  // many hand-overs happened
+}
+
+}  // namespace
+}  // namespace Tarn::Storage
+
+namespace Tarn::Storage {
+namespace {
+
+// An event whose text compresses little, so that the writer takes a while
+// over each block: random letters.
+std::vector<uint8_t> PoorlyCompressible(uint32_t tag, uint32_t size, uint64_t& state) {
+  std::string text(size, ' ');
+  for (char& c : text) {
+    state = state * 6364136223846793005ull + 1442695040888963407ull;
+    c = static_cast<char>('a' + (state >> 59));
+  }
+  Events::DynamicEventBuilder builder;
+  builder.Begin(5, 1, 0);
+  builder.AddUInt32(tag);
+  builder.AddText(text);
+  EXPECT_TRUE(builder.Finish());
+  return std::vector<uint8_t>(builder.Data(), builder.Data() + builder.Size());
+}
+
+// The xz blocks of each stream of every block in the day's file, in file
+// order (per block: the table's stream first, then the records').
+std::vector<std::vector<uint64_t>> PayloadLayouts(const std::string& path) {
+  Keel::OS::File file;
+  EXPECT_TRUE(file.Open(path, Keel::OS::File::Mode::Read));
+  uint64_t size = 0;
+  EXPECT_TRUE(file.GetSize(size));
+  std::vector<std::vector<uint64_t>> layouts;
+  for (uint64_t offset = kDayFileHeaderSize; offset < size;) {
+    BlockHeader header;
+    Keel::Collections::Buffer payload;
+    if (!ReadBlockHeader(file, offset, size, header) ||
+        !ReadBlockPayload(file, offset, header, payload)) {
+      ADD_FAILURE() << "block at " << offset;
+      break;
+    }
+    std::vector<uint8_t> stream(payload.Data(), payload.Data() + payload.Size());
+    for (uint8_t& byte : stream) byte = static_cast<uint8_t>(~byte);
+    layouts.push_back(tarn::test::BlocksPerStream(stream));
+    offset += kBlockHeaderSize + header.stored_size;
+  }
+  return layouts;
+}
+
+// A block handed to an idle writer has the time to be compressed as one xz
+// block (a little smaller); one handed over while the writer was still busy
+// goes out in 2 MiB pieces on every core. Either way its table is a stream
+// of its own.
+TEST_F(StorageManagerTest, AnIdleWriterCompressesABlockWholeAndABusyOneInPiecesOnEveryCore) {
+  settings_.block_buffer_size = 5 << 20;
+  settings_.max_storage_size = 200 << 20;
+  ASSERT_TRUE(Open());
+  uint64_t state = 1;
+  std::vector<std::vector<uint8_t>> events;
+  for (uint32_t i = 0; i < 2'800; ++i) events.push_back(PoorlyCompressible(i, 4'000, state));
+  auto add = [&](size_t from, size_t to) {
+    for (size_t i = from; i < to; ++i) {
+      Events::Objects::Base event(events[i].data(), events[i].size());
+      ASSERT_TRUE(manager_->AddEvent(event));
+    }
+  };
+  // About 1,300 events fill a block (handed to the idle writer); the next
+  // 1,300 come while the writer compresses it, so that the second hand-over
+  // waits. The rest, a small block, on Flush.
+  add(0, 1'300);
+  add(1'300, 2'800);
+  ASSERT_TRUE(manager_->Flush());
+  const std::vector<std::vector<uint64_t>> layouts =
+      PayloadLayouts(dir_.File(Utils::DayFileName(9000, 2)));
+  ASSERT_EQ(layouts.size(), 3u);
+  EXPECT_EQ(layouts[0], (std::vector<uint64_t>{1, 1}));  // idle: the records as one
+  EXPECT_EQ(layouts[1], (std::vector<uint64_t>{1, 3}));  // busy: 5 MiB in 2 MiB pieces
+  EXPECT_EQ(layouts[2].front(), 1u);
+  EXPECT_EQ(Indexed().size(), 2'800u);
 }
 
 }  // namespace

@@ -147,11 +147,14 @@ void InvertBytes(uint8_t* data, uint64_t size) {
 bool EncodeBlock(Keel::Collections::Buffer& raw,
                  const Keel::Collections::Array<BlockEntry>& entries,
                  Keel::Collections::Buffer& payload, EncodedBlock& out,
-                 const Keel::Lzma::Options& options) {
+                 const Keel::Lzma::Options& options, PayloadForm form) {
   uint64_t table_offset = raw.Size();
   if (!AppendEntryTable(raw, entries)) return false;
   auto start = std::chrono::steady_clock::now();
-  if (!Keel::Lzma::Compress(raw.Data(), raw.Size(), payload, options)) {
+  Keel::Lzma::Options laid_out = options;
+  laid_out.table_offset =
+      form == PayloadForm::kRecordsThenTable ? table_offset : Keel::Lzma::Options::kNoTable;
+  if (!Keel::Lzma::Compress(raw.Data(), raw.Size(), payload, laid_out)) {
     raw.Resize(table_offset);
     Log(kCompress, raw.Size(), options.preset, options.threads);
     return false;

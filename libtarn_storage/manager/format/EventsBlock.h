@@ -17,7 +17,7 @@ namespace Tarn::Storage {
 // An events block holds a run of events of one day. Its raw form is the event
 // records back to back, then an entry table with one entry per event; on disk
 // it is a 12-byte header (stored_size, raw_size, table_offset) followed by
-// stored_size bytes of payload: the raw form compressed as an .xz stream,
+// stored_size bytes of payload: the raw form compressed as .xz (PayloadForm),
 // every byte then inverted. All integers are little-endian.
 
 // One entry of the table: where the event's record starts in the raw block,
@@ -70,13 +70,21 @@ bool CheckEntryTable(const uint8_t* raw, uint32_t raw_size, uint32_t table_offse
 // Bitwise NOT of every byte, in place.
 void InvertBytes(uint8_t* data, uint64_t size);
 
+// How a payload's .xz is laid out. The store writes the records and the
+// entry table as two streams one after the other, the table behind a delta
+// filter (its entries differ little from one to the next); stores written
+// before hold the raw block as one stream. Both decode, with any xz
+// decoder, to the raw block.
+enum class PayloadForm { kRecordsThenTable, kOneStream };
+
 // Turns the records in `raw` into a block: appends the entry table (so that
 // raw.Size() becomes raw_size), compresses the whole raw block into `payload`
 // and inverts it. On failure (logged) `raw` is as it was.
 bool EncodeBlock(Keel::Collections::Buffer& raw,
                  const Keel::Collections::Array<BlockEntry>& entries,
                  Keel::Collections::Buffer& payload, EncodedBlock& out,
-                 const Keel::Lzma::Options& options = {});
+                 const Keel::Lzma::Options& options = {},
+                 PayloadForm form = PayloadForm::kRecordsThenTable);
 
 // Writes the header and payload at `offset` and flushes. Every step is checked
 // and logged on its own. A false return means the bytes from `offset` on are

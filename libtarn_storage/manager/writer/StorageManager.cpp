@@ -455,7 +455,10 @@ bool StorageManager::Append(const uint8_t* record, uint32_t size, uint32_t secon
 }
 
 bool StorageManager::HandOver(HandOverReason reason, uint16_t day) {
-  if (!writer_idle_.Wait(kHandOverTimeoutMs)) {
+  // A writer still busy with the block before means events come faster
+  // than one thread compresses them: this block goes out on every core.
+  const bool waited = !writer_idle_.Wait(0);
+  if (waited && !writer_idle_.Wait(kHandOverTimeoutMs)) {
     Log(Keel::Log::Error, kHandOverTimeout, builder_.block.entries.Count(), day);
     telemetry_.notify_events_buffer_discarded();
     lost_blocks_.fetch_add(1);
@@ -475,6 +478,7 @@ bool StorageManager::HandOver(HandOverReason reason, uint16_t day) {
     pending_.Swap(builder_.block);
     pending_day_ = day;
     pending_reason_ = reason;
+    pending_in_burst_ = waited;
   }
   telemetry_.notify_block_dumped(reason);
   block_ready_.Set();
@@ -525,7 +529,13 @@ bool StorageManager::WriteDayBlock() {
   telemetry_.notify_buffer_processing_start();
   EncodedBlock encoded;
   telemetry_.notify_compression_started();
-  std::optional<bool> compressed = EncodeBlock(pending_.raw, pending_.entries, compressed_, encoded);
+  // With time to spare (the block before was done when this one came), one
+  // thread compresses the records as one block, a few percent smaller;
+  // in a burst every core takes a part.
+  Keel::Lzma::Options options;
+  options.one_block = !pending_in_burst_;
+  std::optional<bool> compressed =
+      EncodeBlock(pending_.raw, pending_.entries, compressed_, encoded, options);
   telemetry_.notify_compression_ended(compressed);
   std::optional<Telemetry::EventBlockData> report;
   if (!*compressed) {

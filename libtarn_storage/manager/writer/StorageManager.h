@@ -170,6 +170,7 @@ class StorageManager final : public Telemetry::ReportContributor {
   BlockBuffers pending_;
   uint16_t pending_day_ = 0;
   HandOverReason pending_reason_ = kOnEvent;
+  bool pending_in_burst_ = false;  // the hand-over had to wait for the writer
   Keel::Collections::Buffer compressed_;
 
   Builder builder_;
