@@ -250,8 +250,11 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
       return list([](uint32_t i) { return i % 2 == 0 ? "userAccountControl" : "description"; });
     case TextRule::kAttributeValues:
       return list([](uint32_t i) { return i % 2 == 0 ? "512" : "workstation"; });
-    case TextRule::kPassword:
-      return std::string(r.Pick(Catalog::Words())) + std::to_string(r.Between(10, 99)) + "!";
+    case TextRule::kPassword: {
+      // One draw a statement: the operands of + may be evaluated in any order.
+      std::string word(r.Pick(Catalog::Words()));
+      return word + std::to_string(r.Between(10, 99)) + "!";
+    }
     case TextRule::kPasswordHash: return World::Hex(user.name + "pw", 32);
     case TextRule::kKey:
       return c.key.empty() ? std::string(r.Pick(Catalog::RegistryKeys())) : c.key;
@@ -292,8 +295,10 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
         return "R" + std::to_string(r.Between(1000, 9999));
       });
     case TextRule::kSsid: return r.Chance(0.8) ? "CorpWiFi" : "Guest";
-    case TextRule::kSubject:
-      return (r.Chance(0.4) ? "RE: " : "") + std::string(r.Pick(Catalog::DocumentNames()));
+    case TextRule::kSubject: {
+      std::string prefix = r.Chance(0.4) ? "RE: " : "";
+      return prefix + std::string(r.Pick(Catalog::DocumentNames()));
+    }
     case TextRule::kMd5List:
       return list([&](uint32_t i) { return World::Hex(c.file + std::to_string(i), 32); });
     case TextRule::kMimeList:
@@ -359,7 +364,8 @@ std::string ColumnFiller::Text(TextRule rule, EventContext& c) {
     case TextRule::kPrinterFile: return std::string(r.Pick(Catalog::DocumentNames())) + ".pdf";
     case TextRule::kGeneric: break;
   }
-  return std::string(r.Pick(Catalog::Words())) + "-" + std::to_string(r.Between(1, 99));
+  std::string word(r.Pick(Catalog::Words()));
+  return word + "-" + std::to_string(r.Between(1, 99));
 }
 
 }  // namespace Tarn::Tool

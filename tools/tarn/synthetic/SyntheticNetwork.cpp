@@ -40,10 +40,14 @@ void Network::Make() {
   std::snprintf(name, sizeof(name), "WS-%06llX",
                 static_cast<unsigned long long>(random_.Below(0x1000000)));
   hostname_ = name;
-  local_ipv4_ = V4(10, 20, static_cast<uint8_t>(random_.Between(2, 9)),
-                   static_cast<uint8_t>(random_.Between(2, 254)));
-  local_ipv6_ = V6(0xfd00, 0x20, 0, 0, static_cast<uint16_t>(random_.Below(0x10000)),
-                   static_cast<uint16_t>(random_.Below(0x10000)));
+  // One draw a statement: a call's arguments may be evaluated in any order,
+  // and the same seed must give the same events whatever the compiler.
+  const auto subnet = static_cast<uint8_t>(random_.Between(2, 9));
+  const auto station = static_cast<uint8_t>(random_.Between(2, 254));
+  local_ipv4_ = V4(10, 20, subnet, station);
+  const auto group = static_cast<uint16_t>(random_.Below(0x10000));
+  const auto interface_id = static_cast<uint16_t>(random_.Below(0x10000));
+  local_ipv6_ = V6(0xfd00, 0x20, 0, 0, group, interface_id);
   local_mac_ = "00:15:5d" + RandomMac().substr(8);
   gateway_mac_ = "3c:52:82" + RandomMac().substr(8);
 
@@ -54,15 +58,18 @@ void Network::Make() {
   internal_count_ = peers_.size();
   for (size_t i = 0; i < kExternalPeers; ++i) {
     RemoteHost peer;
-    peer.host = std::string(random_.Pick(Catalog::HostWords())) + "." +
-                std::string(random_.Pick(Catalog::DomainNames()));
+    peer.host = std::string(random_.Pick(Catalog::HostWords())) + ".";
+    peer.host += random_.Pick(Catalog::DomainNames());
     if (random_.Chance(0.3)) {
-      peer.address = V6(0x2001, 0xdb8, static_cast<uint16_t>(random_.Below(0x10000)), 0, 0,
-                        static_cast<uint16_t>(random_.Between(1, 0xffff)));
+      const auto site = static_cast<uint16_t>(random_.Below(0x10000));
+      const auto node = static_cast<uint16_t>(random_.Between(1, 0xffff));
+      peer.address = V6(0x2001, 0xdb8, site, 0, 0, node);
     } else {
-      peer.address = V4(random_.Chance(0.5) ? 198 : 203, random_.Chance(0.5) ? 51 : 0,
-                        static_cast<uint8_t>(random_.Chance(0.5) ? 100 : 113),
-                        static_cast<uint8_t>(random_.Between(1, 199)));
+      const uint8_t first = random_.Chance(0.5) ? 198 : 203;
+      const uint8_t second = random_.Chance(0.5) ? 51 : 0;
+      const uint8_t third = random_.Chance(0.5) ? 100 : 113;
+      const auto fourth = static_cast<uint8_t>(random_.Between(1, 199));
+      peer.address = V4(first, second, third, fourth);
     }
     peer.port = random_.Chance(0.85) ? 443 : 80;
     peer.protocol = peer.port == 443 ? "HTTPS" : "HTTP";

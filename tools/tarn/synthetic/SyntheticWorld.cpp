@@ -81,9 +81,10 @@ void World::MakeUsers() {
   auto last = Catalog::LastNames();
   domain_ = "CORP";
   dns_domain_ = "corp.example.com";
-  domain_sid_ = "S-1-5-21-" + std::to_string(random_.Between(1'000'000'000, 4'000'000'000)) + "-" +
-                std::to_string(random_.Between(1'000'000'000, 4'000'000'000)) + "-" +
-                std::to_string(random_.Between(1'000'000'000, 4'000'000'000));
+  domain_sid_ = "S-1-5-21";
+  for (int part = 0; part < 3; ++part) {
+    domain_sid_ += "-" + std::to_string(random_.Between(1'000'000'000, 4'000'000'000));
+  }
   uint32_t dbuid = 0;
   auto add = [&](std::string name, std::string domain, std::string sid, uint32_t uid, uint32_t gid,
                  bool linux) {
@@ -106,8 +107,9 @@ void World::MakeUsers() {
   add("postgres", "", "", 999, 999, true);
   // Colleagues: they log on from elsewhere and show up in directory events.
   for (uint32_t rid = 1106; rid < 1112; ++rid) {
-    add(std::string(random_.Pick(first)) + "." + std::string(random_.Pick(last)), domain_,
-        domain_sid_ + "-" + std::to_string(rid), rid, 513, false);
+    std::string name = std::string(random_.Pick(first)) + ".";
+    name += random_.Pick(last);
+    add(name, domain_, domain_sid_ + "-" + std::to_string(rid), rid, 513, false);
   }
 }
 
@@ -127,8 +129,8 @@ std::string World::Home(const User& user, bool linux) const {
 // ---- Processes -------------------------------------------------------------
 
 void World::Boot(int64_t start_ms) {
-  int64_t boot = start_ms - static_cast<int64_t>(random_.Between(1, 5)) * kDayMs -
-                 static_cast<int64_t>(random_.Below(kDayMs));
+  const auto days_up = static_cast<int64_t>(random_.Between(1, 5));
+  int64_t boot = start_ms - days_up * kDayMs - static_cast<int64_t>(random_.Below(kDayMs));
   auto start = [&](std::string_view name, const Process* parent) -> Process& {
     boot += static_cast<int64_t>(random_.Between(20, 4000));
     int program = Catalog::ProgramIndex(name);
@@ -460,9 +462,11 @@ std::string World::FilePath(const Process& actor) {
       return "/var/lib/postgresql/data/base/16384/" + std::to_string(random_.Between(1200, 1300));
     if (name == "systemd-journald")
       return "/var/log/journal/" + Hex(network_.Hostname(), 32) + "/system.journal";
-    if (name == "apt-get")
-      return "/var/cache/apt/archives/" + std::string(random_.Pick(Catalog::Words())) + "_1." +
-             std::to_string(random_.Below(20)) + "_amd64.deb";
+    if (name == "apt-get") {
+      std::string package(random_.Pick(Catalog::Words()));
+      return "/var/cache/apt/archives/" + package + "_1." + std::to_string(random_.Below(20)) +
+             "_amd64.deb";
+    }
     if (name == "tar" || name == "backup.sh")
       return "/var/backups/home-" + std::to_string(random_.Between(1, 30)) + ".tar.gz";
     if (name == "kworkerd")
@@ -548,10 +552,12 @@ std::string World::Expand(std::string_view text, const User& user, bool linux) {
     } else if (key == "host") {
       out += network_.CommonHost();
     } else if (key == "url") {
-      out += "https://" + network_.OutsideHost() + std::string(random_.Pick(Catalog::UrlPaths()));
+      out += "https://" + network_.OutsideHost();  // draws first
+      out += random_.Pick(Catalog::UrlPaths());
     } else if (key == "repo") {
-      out += std::string(random_.Pick(Catalog::Words())) + "-" +
-             std::string(random_.Pick(Catalog::Words()));
+      out += random_.Pick(Catalog::Words());
+      out += "-";
+      out += random_.Pick(Catalog::Words());
     } else if (key == "n") {
       out += std::to_string(random_.Between(1, 9999));
     } else if (key == "GUID") {
