@@ -6,17 +6,18 @@
 namespace Tarn::Tool {
 namespace {
 
-// The rows of answers already had, in order.
+// The rows of answers already had, in order. It owns them, so a row it gave
+// stays valid until it is asked for the next one after the last.
 class AnswerRows {
  public:
-  void Reset(std::vector<QueryAnswer>* answers) {
-    answers_ = answers;
+  void Reset(std::vector<QueryAnswer> answers) {
+    answers_ = std::move(answers);
     answer_ = 0;
     row_ = 0;
   }
   bool Next(FedRow& row) {
-    for (; answers_ != nullptr && answer_ < answers_->size(); ++answer_, row_ = 0) {
-      const QueryAnswer& answer = (*answers_)[answer_];
+    for (; answer_ < answers_.size(); ++answer_, row_ = 0) {
+      const QueryAnswer& answer = answers_[answer_];
       if (row_ < answer.rows.size()) {
         row = {answer.rows[row_], row_ < answer.positions.size() ? answer.positions[row_] : 0};
         ++row_;
@@ -25,9 +26,11 @@ class AnswerRows {
     }
     return false;
   }
+  // The last page had, when there is one.
+  const QueryAnswer* Last() const { return answers_.empty() ? nullptr : &answers_.back(); }
 
  private:
-  std::vector<QueryAnswer>* answers_ = nullptr;
+  std::vector<QueryAnswer> answers_;
   size_t answer_ = 0;
   size_t row_ = 0;
 };
@@ -42,21 +45,20 @@ class Streamed : public RowFeed {
   bool Next(FedRow& row, std::string& error) override {
     for (;;) {
       if (rows_.Next(row)) return true;
-      if (asked_ && (pages_.empty() || pages_.back().status != QueryAnswer::kPartial)) {
-        return false;
-      }
+      const QueryAnswer* last = rows_.Last();
+      if (asked_ && (last == nullptr || last->status != QueryAnswer::kPartial)) return false;
       if (asked_) {
-        request_.token = pages_.back().next_token;
-        request_.page = pages_.back().next_page;
+        request_.token = last->next_token;
+        request_.page = last->next_page;
       }
       asked_ = true;
-      pages_.assign(1, QueryAnswer());
-      if (!client_.AskAround(request_, pages_.back(), error)) return false;
-      if (!pages_.back().HasRows()) {
-        error = request_.table + ": " + client_.Explain(pages_.back());
+      std::vector<QueryAnswer> page(1);
+      if (!client_.AskAround(request_, page.back(), error)) return false;
+      if (!page.back().HasRows()) {
+        error = request_.table + ": " + client_.Explain(page.back());
         return false;
       }
-      rows_.Reset(&pages_);
+      rows_.Reset(std::move(page));
     }
   }
 
@@ -64,8 +66,7 @@ class Streamed : public RowFeed {
   QueryClient& client_;
   QueryRequest request_;
   bool asked_ = false;
-  std::vector<QueryAnswer> pages_;  // the page being read
-  AnswerRows rows_;
+  AnswerRows rows_;  // the page being read
 };
 
 class Sliced : public RowFeed {
@@ -81,6 +82,7 @@ class Sliced : public RowFeed {
         streamed_.reset();
       }
       if (rows_.Next(row)) return true;
+      rows_.Reset({});  // the slice's rows are read
       if (part_ != nullptr && !part_->rest.table.empty()) {
         // The pages a worker left when the rows held reached the budget.
         streamed_ = StreamedRows(client_, part_->rest);
@@ -92,8 +94,8 @@ class Sliced : public RowFeed {
       std::shared_ptr<SlicePart> part = sliced_->Take(scan_, next_slice_++);
       switch (part->state) {
         case SlicePart::State::kDone:
+          rows_.Reset(std::move(part->answers));
           part_ = std::move(part);
-          rows_.Reset(&part_->answers);
           break;
         case SlicePart::State::kFailed:
           error = part->request.table + ": " + part->error;
