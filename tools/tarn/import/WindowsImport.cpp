@@ -105,7 +105,7 @@ class WindowsImport::Events {
   void TakePuid(Pending& start, const std::string& guid);
   bool StoreRunning(EventFeed& feed, const Windows::RunningProcess& process, const Pending& first,
                     ImportOutcome& outcome);
-  std::string Summary(const ImportOutcome& outcome) const;
+  std::string Summary() const;
 
   const IngestOptions& options_;
   Progress progress_;
@@ -367,7 +367,7 @@ ImportOutcome WindowsImport::Events::Store(EventFeed& feed) {
   pending_.clear();
   outcome.refused = refused_;
   outcome.complete = going && refused_ == 0 && problems_ == 0;
-  outcome.summary = Summary(outcome);
+  outcome.summary = Summary();
   return outcome;
 }
 
@@ -376,11 +376,11 @@ ImportOutcome WindowsImport::Events::Stopped() {
   outcome.complete = false;
   outcome.refused = refused_;
   pending_.clear();
-  outcome.summary = Summary(outcome);
+  outcome.summary = Summary();
   return outcome;
 }
 
-std::string WindowsImport::Events::Summary(const ImportOutcome&) const {
+std::string WindowsImport::Events::Summary() const {
   uint64_t rows = 0;
   uint64_t without = 0;
   for (const auto& entry : by_table_) rows += entry.second;
