@@ -43,6 +43,18 @@ std::string StartKey(const std::string& host, uint64_t pid, const std::string& i
   return Lower(host) + '\n' + std::to_string(pid) + '\n' + Lower(image);
 }
 
+// A GUID's digits, the same for "{A-B}" and "a-b"; empty for none.
+std::string GuidKey(const std::string& guid) {
+  std::string key;
+  for (char c : guid) {
+    if (std::isxdigit(static_cast<unsigned char>(c))) {
+      key.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+    }
+  }
+  if (key.size() != 32 || key.find_first_not_of('0') == std::string::npos) return "";
+  return key;
+}
+
 void Merge(LoggedProcess& into, const LoggedProcess& from) {
   if (into.pid == 0) into.pid = from.pid;
   if (into.image.empty()) into.image = from.image;
@@ -108,22 +120,21 @@ std::vector<size_t> RepeatedBySysmon(std::span<const LedgerEntry> entries) {
 
 std::vector<RunningProcess> AlreadyRunning(std::span<const LedgerEntry> entries) {
   using Kind = ProcessFacts::Kind;
-  // Processes by puid: the same for "{A-B}" and "a-b", 0 for none.
-  std::unordered_set<uint64_t> started;
+  std::unordered_set<std::string> started;
   for (const LedgerEntry& entry : entries) {
-    if (entry.facts->kind == Kind::kSysmonStart) started.insert(PuidOf(entry.facts->self.guid));
+    if (entry.facts->kind == Kind::kSysmonStart) started.insert(GuidKey(entry.facts->self.guid));
   }
   struct Seen {
     size_t first;
     std::string host;
     LoggedProcess process;
   };
-  std::map<uint64_t, Seen> running;  // by puid
+  std::map<std::string, Seen> running;  // by GUID
   for (size_t i = 0; i < entries.size(); ++i) {
     const ProcessFacts& f = *entries[i].facts;
     for (const LoggedProcess* named : {&f.self, &f.parent, &f.target}) {
-      const uint64_t key = PuidOf(named->guid);
-      if (key == 0 || started.count(key) != 0) continue;
+      const std::string key = GuidKey(named->guid);
+      if (key.empty() || started.count(key) != 0) continue;
       auto [it, added] = running.try_emplace(key, Seen{i, f.host, *named});
       if (!added) Merge(it->second.process, *named);
     }
